@@ -1,0 +1,15 @@
+#ifndef MAIN_H
+#define MAIN_H
+
+#include <QString>
+#include <QtGlobal>
+
+class shutLog;
+
+// The process's one log; null before start-up and after shut-down.
+extern shutLog* logFlag;
+
+// Writes every Qt message of the process into the log.
+void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString& msg);
+
+#endif // MAIN_H

@@ -1,0 +1,15 @@
+#ifndef MONITOR_H
+#define MONITOR_H
+
+#include <sys/types.h>
+
+// The appliance's main program, run as the supervisor's only child.
+extern pid_t g_pid;
+
+// Launches the child program and watches for its end. In the parent:
+// 0 when the child runs and its end will be logged, -2 when the core-file
+// limit cannot be written, -1 on any other failure. A child whose program
+// cannot be executed logs why and ends with status 127; it never returns.
+int startFork();
+
+#endif // MONITOR_H

@@ -1,0 +1,195 @@
+#include "shutLog.h"
+
+#include <QDateTime>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Older file names are formed in buffers of this size, so a name longer than
+// 255 bytes is cut there.
+const size_t nameBufferSize = 256;
+
+const char* levelTag(QtMsgType type)
+{
+    switch (static_cast<int>(type)) {
+    case QtDebugMsg: return " <DEBUG> ";
+    case QtWarningMsg: return " <WARNING> ";
+    case QtCriticalMsg: return " <CRITICAL> ";
+    case QtFatalMsg: return " <FATAL> ";
+    default: return "";
+    }
+}
+
+void appendDigits(std::string& out, int value, int width)
+{
+    char digits[4];
+    for (int i = width - 1; i >= 0; --i) {
+        digits[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    out.append(digits, static_cast<size_t>(width));
+}
+
+// The time as "yyyy.MM.dd hh:mm:ss.zzz" in UTC. Formatted by hand: parsing
+// the format string for every record would cost more than the write itself.
+void appendUtcTime(std::string& out)
+{
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    const QDate date = now.date();
+    const QTime time = now.time();
+    appendDigits(out, date.year(), 4);
+    out += '.';
+    appendDigits(out, date.month(), 2);
+    out += '.';
+    appendDigits(out, date.day(), 2);
+    out += ' ';
+    appendDigits(out, time.hour(), 2);
+    out += ':';
+    appendDigits(out, time.minute(), 2);
+    out += ':';
+    appendDigits(out, time.second(), 2);
+    out += '.';
+    appendDigits(out, time.msec(), 3);
+}
+
+void olderFileName(char (&buffer)[nameBufferSize], const std::string& logPath, int number)
+{
+    snprintf(buffer, sizeof buffer, "%s.%d", logPath.c_str(), number);
+}
+
+} // namespace
+
+shutLog::shutLog(const char* dir, const char* name, int maxSize, int maxFiles)
+    : logDir(dir)
+    , logName(name)
+    , maxSize(maxSize)
+    , maxFiles(maxFiles)
+    , fd(-1)
+    , logPath(logDir + "/" + logName)
+{
+}
+
+shutLog::~shutLog()
+{
+    closeLog();
+}
+
+int shutLog::openLog()
+{
+    if (fd >= 0)
+        return 0;
+    fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+    if (fd < 0) {
+        const int err = errno;
+        fprintf(stderr, "open log failed: %s\n", strerror(err));
+        return -err;
+    }
+    return 0;
+}
+
+int shutLog::closeLog()
+{
+    if (fd >= 0) {
+        close(fd);
+        fd = -1;
+    }
+    return 0;
+}
+
+int shutLog::getFileSize()
+{
+    if (fd < 0)
+        return 0;
+    struct stat st;
+    if (fstat(fd, &st) < 0) {
+        const int err = errno;
+        fprintf(stderr, "get file size failed: %s\n", strerror(err));
+        return -err;
+    }
+    // A file past what an int holds is over any limit; say so rather than
+    // wrap into a negative size that reads as a failure.
+    if (st.st_size > INT_MAX)
+        return INT_MAX;
+    return static_cast<int>(st.st_size);
+}
+
+int shutLog::shiftFiles()
+{
+    char from[nameBufferSize];
+    char to[nameBufferSize];
+    for (int k = maxFiles; k >= 1; --k) {
+        olderFileName(from, logPath, k);
+        if (access(from, F_OK) != 0)
+            continue;
+        if (k == maxFiles) {
+            if (unlink(from) < 0) {
+                const int err = errno;
+                fprintf(stderr, "unlink file failed: %s\n", strerror(err));
+                return -err;
+            }
+            continue;
+        }
+        olderFileName(to, logPath, k + 1);
+        if (rename(from, to) < 0) {
+            const int err = errno;
+            fprintf(stderr, "rename file %s failed: %s\n", from, strerror(err));
+            return -err;
+        }
+    }
+    closeLog();
+    snprintf(to, sizeof to, "%s.1", logPath.c_str());
+    if (rename(logPath.c_str(), to) < 0) {
+        const int err = errno;
+        fprintf(stderr, "rename file %s failed: %s\n", logPath.c_str(), strerror(err));
+        return -err;
+    }
+    return 0;
+}
+
+int shutLog::saveLog(QtMsgType type, const QMessageLogContext& context, const QString& msg)
+{
+    Q_UNUSED(context);
+    if (fd < 0) {
+        const int opened = openLog();
+        if (opened < 0)
+            return opened;
+    }
+    const int size = getFileSize();
+    if (size < 0)
+        return size;
+    // Rotate before the record that finds the file full, so the live file
+    // passes the limit by one record at most.
+    if (size >= maxSize) {
+        closeLog();
+        const int shifted = shiftFiles();
+        if (shifted < 0) {
+            fwrite("shiftFiles failed\n", 1, 18, stderr);
+            return shifted;
+        }
+        const int opened = openLog();
+        if (opened < 0)
+            return opened;
+    }
+
+    record.clear();
+    appendUtcTime(record);
+    record += levelTag(type);
+    const QByteArray text = msg.toUtf8();
+    record.append(text.constData(), static_cast<size_t>(text.size()));
+    record += '\n';
+
+    if (write(fd, record.data(), record.size()) < 0) {
+        const int err = errno;
+        fprintf(stderr, "write to log failed: %s\n", strerror(err));
+        return -err;
+    }
+    return 0;
+}

@@ -1,0 +1,143 @@
+#include "sandbox.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace sandbox {
+
+const char cardDir[] = "/tmp/mnt/dev/mmcblk0p3";
+const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
+const char livePath[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles/shutDown.log";
+const char childProgram[] = "/opt/project/Tolven-ii";
+
+namespace {
+
+bool mountTmpfs(const char* where, const char* options)
+{
+    if (mount("sandbox", where, "tmpfs", 0, options) == 0)
+        return true;
+    fprintf(stderr, "sandbox: cannot mount a tmpfs at %s: %s\n", where, strerror(errno));
+    return false;
+}
+
+} // namespace
+
+bool enter()
+{
+    if (unshare(CLONE_NEWNS) < 0) {
+        fprintf(stderr, "sandbox: cannot make a private mount namespace: %s (run the tests as root)\n",
+                strerror(errno));
+        return false;
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) {
+        fprintf(stderr, "sandbox: cannot make the mounts private: %s\n", strerror(errno));
+        return false;
+    }
+    if (!mountTmpfs("/tmp", "mode=1777") || !mountTmpfs("/opt", "mode=755"))
+        return false;
+    return QDir().mkpath(cardDir) && QDir().mkpath(QFileInfo(childProgram).path());
+}
+
+void installChild(const QByteArray& script)
+{
+    QFile::remove(childProgram);
+    writeFile(childProgram, script);
+    QFile::setPermissions(childProgram, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                            | QFile::ReadOther | QFile::ExeOther);
+}
+
+void resetCard()
+{
+    QDir(cardDir).removeRecursively();
+    QDir().mkpath(logDir);
+}
+
+bool mountSmallCard(int kibibytes)
+{
+    const QByteArray options = "size=" + QByteArray::number(kibibytes) + "k";
+    QDir().mkpath(cardDir);
+    return mountTmpfs(cardDir, options.constData());
+}
+
+void unmountCard()
+{
+    umount2(cardDir, MNT_DETACH);
+}
+
+bool pin(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    return mount(name.constData(), name.constData(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+void unpin(const QString& path)
+{
+    umount2(QFile::encodeName(path).constData(), MNT_DETACH);
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(bytes);
+}
+
+QStringList logLines(const QString& path)
+{
+    QStringList lines = QString::fromUtf8(readFile(path)).split('\n');
+    if (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast();
+    return lines;
+}
+
+StderrCapture::StderrCapture()
+    : savedFd(dup(STDERR_FILENO))
+    , captureFd(open("/tmp", O_TMPFILE | O_RDWR, 0600))
+    , finished(false)
+{
+    fflush(stderr);
+    dup2(captureFd, STDERR_FILENO);
+}
+
+StderrCapture::~StderrCapture()
+{
+    text();
+    close(captureFd);
+    close(savedFd);
+}
+
+QByteArray StderrCapture::text()
+{
+    if (!finished) {
+        fflush(stderr);
+        dup2(savedFd, STDERR_FILENO);
+        finished = true;
+    }
+    QByteArray bytes;
+    char chunk[4096];
+    ssize_t got;
+    lseek(captureFd, 0, SEEK_SET);
+    while ((got = read(captureFd, chunk, sizeof chunk)) > 0)
+        bytes.append(chunk, static_cast<int>(got));
+    return bytes;
+}
+
+} // namespace sandbox

@@ -1,0 +1,63 @@
+#ifndef SANDBOX_H
+#define SANDBOX_H
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+// Tests meet the daemon's fixed paths inside a private mount namespace:
+// fresh tmpfs trees over /tmp and /opt, so nothing of the machine's own is
+// ever touched. Entered first thing in main, before any thread exists.
+namespace sandbox {
+
+// Fails, with the reason on standard error, when the process may not make
+// a mount namespace (run the tests as root).
+bool enter();
+
+extern const char cardDir[];      // the SD-card partition the daemon works in
+extern const char logDir[];       // the daemon's log directory on it
+extern const char livePath[];     // the live log file
+extern const char childProgram[]; // where the appliance's program is started from
+
+// Writes a shell script at the child program's path.
+void installChild(const QByteArray& script);
+// A fresh card directory with an empty log directory in it.
+void resetCard();
+// A tmpfs of the given size mounted over the card directory.
+bool mountSmallCard(int kibibytes);
+void unmountCard();
+// Binds a file over itself: a mount point that rename and unlink refuse.
+bool pin(const QString& path);
+void unpin(const QString& path);
+
+QByteArray readFile(const QString& path);
+void writeFile(const QString& path, const QByteArray& bytes);
+QStringList logLines(const QString& path = QString::fromLatin1(livePath));
+
+// Everything written to standard error while it lives.
+class StderrCapture
+{
+public:
+    StderrCapture();
+    ~StderrCapture();
+    QByteArray text();
+
+private:
+    int savedFd;
+    int captureFd;
+    bool finished;
+};
+
+} // namespace sandbox
+
+#define SANDBOXED_TEST_MAIN(TestObject)                 \
+    int main(int argc, char** argv)                     \
+    {                                                   \
+        if (!sandbox::enter())                          \
+            return 1;                                   \
+        QApplication app(argc, argv);                   \
+        TestObject test;                                \
+        return QTest::qExec(&test, argc, argv);         \
+    }
+
+#endif // SANDBOX_H
