@@ -118,7 +118,8 @@ private slots:
     void init()
     {
         sandbox::resetCard();
-        QFile::remove(goFile);
+        for (const char* left : {goFile, "/tmp/child-ran", "/tmp/child-cwd", "/tmp/child-core", "/tmp/child-mask"})
+            QFile::remove(left);
     }
 
     void cleanup()
