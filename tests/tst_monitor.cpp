@@ -1,0 +1,72 @@
+// The child launcher inside a process that logs hard while its child ends.
+#include "monitor.h"
+#include "sandbox.h"
+#include "shutLog.h"
+
+#include <QApplication>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <cerrno>
+#include <csignal>
+
+namespace {
+
+shutLog* burstLog = nullptr;
+
+void toBurstLog(QtMsgType type, const QMessageLogContext& context, const QString& msg)
+{
+    burstLog->saveLog(type, context, msg);
+}
+
+bool reaped(pid_t pid)
+{
+    return kill(pid, 0) < 0 && errno == ESRCH;
+}
+
+} // namespace
+
+class tst_monitor : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void aChildEndingInABurstOfMessagesTearsNoRecord()
+    {
+        sandbox::resetCard();
+        sandbox::installChild("#!/bin/sh\nwhile [ ! -e /tmp/go ]; do sleep 0.001; done\nexit 4\n");
+        burstLog = new shutLog(sandbox::logDir, "shutDown.log", 1024 * 1024 * 1024, 6);
+        qInstallMessageHandler(toBurstLog);
+
+        QCOMPARE(startFork(), 0);
+        const pid_t child = g_pid;
+        int sent = 0;
+        int afterEnd = 0;
+        while (afterEnd < 2000) {
+            qDebug() << "burst" << QString::number(sent);
+            ++sent;
+            if (sent == 2000)
+                sandbox::writeFile("/tmp/go", "");
+            if (sent > 2000 && reaped(child))
+                ++afterEnd;
+            QVERIFY2(sent < 5000000, "the child never ended");
+        }
+        QTRY_VERIFY(sandbox::readFile(sandbox::livePath).contains("child exited normally"));
+        qInstallMessageHandler(nullptr);
+        delete burstLog;
+
+        const QStringList lines = sandbox::logLines();
+        QCOMPARE(lines.size(), 1 + sent + 2);
+        const QRegularExpression record("^\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} <DEBUG> (.*)$");
+        const QString pid = "\"" + QString::number(child) + "\"";
+        QCOMPARE(record.match(lines[0]).captured(1), "monitor startFork  child start as pid:  " + pid);
+        for (int i = 0; i < sent; ++i)
+            QCOMPARE(record.match(lines[1 + i]).captured(1), "burst \"" + QString::number(i) + "\"");
+        QCOMPARE(record.match(lines[1 + sent]).captured(1),
+                 "monitor sigchld_handler   child pid:  " + pid + "  , status =  \"1024\"  , retv =  " + pid);
+        QCOMPARE(record.match(lines[2 + sent]).captured(1), QString("monitor sigchld_handler  child exited normally "));
+    }
+};
+
+SANDBOXED_TEST_MAIN(tst_monitor)
+#include "tst_monitor.moc"
