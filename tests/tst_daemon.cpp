@@ -82,7 +82,7 @@ private:
         QFile::setPermissions("/tmp/runtime", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         env.insert("XDG_RUNTIME_DIR", "/tmp/runtime");
         daemon.setProcessEnvironment(env);
-        const QString program = qEnvironmentVariable("DAEMON");
+        const QString program = QString::fromLocal8Bit(qgetenv("DAEMON"));
         if (coreLimit.isEmpty())
             daemon.start(program, QStringList());
         else
@@ -263,7 +263,7 @@ private slots:
         QFETCH(QByteArray, limit);
         QFETCH(QByteArray, childLimit);
         QFile::remove(sandbox::childProgram);
-        QVERIFY(QFile::copy(qEnvironmentVariable("PROBE_CHILD"), sandbox::childProgram));
+        QVERIFY(QFile::copy(QString::fromLocal8Bit(qgetenv("PROBE_CHILD")), sandbox::childProgram));
         start(limit);
         QTRY_VERIFY_WITH_TIMEOUT(readFile("/tmp/child-mask").endsWith('\n') && childPid() > 0, settleMs);
         QCOMPARE(readFile("/tmp/child-cwd"), QByteArray("/tmp/mnt/dev/mmcblk0p3\n"));
@@ -279,7 +279,7 @@ private slots:
     void aCeilingOnCoresIsRaisedOnlyWithTheRightToDoSo()
     {
         QFile::remove(sandbox::childProgram);
-        QVERIFY(QFile::copy(qEnvironmentVariable("PROBE_CHILD"), sandbox::childProgram));
+        QVERIFY(QFile::copy(QString::fromLocal8Bit(qgetenv("PROBE_CHILD")), sandbox::childProgram));
         start("0:4096");
         QTRY_VERIFY_WITH_TIMEOUT(logTexts().size() >= 6 + 1, settleMs);
         if (mayRaiseLimits()) {

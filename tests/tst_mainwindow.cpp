@@ -142,7 +142,7 @@ private slots:
     void thePictureShowsBlueTextAndButtonTurned()
     {
         const QImage picture = renderThroughView();
-        const QString png = qEnvironmentVariable("FAULT_SCREEN_PNG");
+        const QString png = QString::fromLocal8Bit(qgetenv("FAULT_SCREEN_PNG"));
         if (!png.isEmpty())
             QVERIFY(picture.save(png));
         QCOMPARE(picture.size(), QSize(200, 300));
