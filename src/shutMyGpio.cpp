@@ -1,0 +1,229 @@
+#include "shutMyGpio.h"
+
+#include "sysfsGpio.h"
+
+#include <QDebug>
+#include <QRegExp>
+#include <QStringList>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include <poll.h>
+#include <unistd.h>
+
+using sysfsGpio::Outcome;
+
+namespace {
+
+const unsigned int powerLine = 55;
+const unsigned int outputLine = 100;
+const int noTimeout = -1;
+const int levelTextSize = 16;
+const int levelBase = 10;
+const unsigned int openRetrySeconds = 1;
+
+const char mountTable[] = "/proc/mounts";
+const char logPartition[] = "/dev/mmcblk0p3";
+const char storagePartition[] = "/dev/sd[a-z]+[0-9]+";
+
+#if QT_VERSION >= QT_VERSION_CHECK(5, 14, 0)
+const Qt::SplitBehavior skipEmptyFields = Qt::SkipEmptyParts;
+#else
+const QString::SplitBehavior skipEmptyFields = QString::SkipEmptyParts;
+#endif
+
+} // namespace
+
+shutMyGpio::shutMyGpio()
+    : QObject(nullptr)
+    , poweroff_received(false)
+{
+}
+
+int shutMyGpio::gpio_export(unsigned int gpio)
+{
+    const Outcome outcome = sysfsGpio::exportLine(gpio);
+    if (outcome.failure == sysfsGpio::transferFailed)
+        qDebug() << "shutMyGpio" << "gpio_export" << "write" << "/sys/class/gpio/exprot" << "  value:"
+                 << QString::number(gpio) << "  error";
+    return outcome.result;
+}
+
+int shutMyGpio::gpio_unexport(unsigned int gpio)
+{
+    const Outcome outcome = sysfsGpio::unexportLine(gpio);
+    if (outcome.failure == sysfsGpio::openFailed)
+        qDebug() << "shutMyGpio" << "gpio_unexport" << "/sys/class/gpio" << "/unexprot" << QString::number(gpio)
+                 << "  error";
+    else if (outcome.failure == sysfsGpio::transferFailed)
+        qDebug() << "shutMyGpio" << "gpio_unexport" << "write unexprot " << "/sys/class/gpio" << "/exprot"
+                 << QString::number(gpio) << "  error";
+    return outcome.result;
+}
+
+int shutMyGpio::gpio_set_direction(unsigned int gpio, const std::string& dir)
+{
+    const Outcome outcome = sysfsGpio::setDirection(gpio, dir);
+    if (outcome.failure == sysfsGpio::fileMissing)
+        qDebug() << "shutMyGpio" << "gpio_set_direction" << "/sys/class/gpio" << "/direction"
+                 << QString::number(gpio) << "  error";
+    else if (outcome.failure == sysfsGpio::openFailed)
+        qDebug() << "shutMyGpio" << "gpio_set_direction" << "/sys/class/gpio" << "/direciton"
+                 << QString::number(gpio) << "  error";
+    else if (outcome.failure == sysfsGpio::transferFailed)
+        qDebug() << "shutMyGpio" << "gpio_set_direction" << "write" << "/sys/class/gpio" << "/direction"
+                 << QString::number(gpio) << "  error";
+    return outcome.result;
+}
+
+int shutMyGpio::gpio_set_value(unsigned int gpio, unsigned int value)
+{
+    const Outcome outcome = sysfsGpio::setValue(gpio, value);
+    if (outcome.failure == sysfsGpio::argumentRefused)
+        return outcome.result;
+    if (outcome.failure == sysfsGpio::fileMissing) {
+        qDebug() << "shutMyGpio" << "gpio_set_value" << "/sys/class/gpio" << "/value" << QString::number(gpio)
+                 << "  error";
+        return outcome.result;
+    }
+    qDebug() << "shutMyGpio" << "gpio_set_value" << " str = "
+             << QString::fromUtf8(sysfsGpio::valuePath(gpio).c_str());
+    if (outcome.failure == sysfsGpio::transferFailed)
+        qDebug() << "shutMyGpio" << "gpio_set_value" << "write" << "/sys/class/gpio" << "/value"
+                 << QString::number(gpio) << "  error";
+    return outcome.result;
+}
+
+int shutMyGpio::gpio_get_value(unsigned int gpio, unsigned int* value)
+{
+    const Outcome outcome = sysfsGpio::getValue(gpio, value);
+    if (outcome.failure == sysfsGpio::fileMissing)
+        qDebug() << "shutMyGpio" << "gpio_get_value" << "/sys/class/gpio" << "/value" << QString::number(gpio)
+                 << "  error";
+    return outcome.result;
+}
+
+int shutMyGpio::gpio_set_edge(unsigned int gpio, const std::string& edge)
+{
+    const Outcome outcome = sysfsGpio::setEdge(gpio, edge);
+    if (outcome.failure == sysfsGpio::fileMissing)
+        qDebug() << "shutMyGpio" << "gpio_set_edge" << "/sys/class/gpio" << "/edge" << QString::number(gpio)
+                 << "  error";
+    else if (outcome.failure == sysfsGpio::transferFailed)
+        qDebug() << "shutMyGpio" << "gpio_set_edge" << "write" << "/sys/class/gpio" << "/edge"
+                 << QString::number(gpio) << "  error";
+    return outcome.result;
+}
+
+int shutMyGpio::gpio_open(unsigned int gpio)
+{
+    const int fd = ::gpio_open(gpio);
+    if (fd < 0)
+        qDebug() << "shutMyGpio" << "gpio_open" << "/sys/class/gpio" << "/open" << QString::number(gpio)
+                 << "  error";
+    return fd;
+}
+
+int shutMyGpio::get_mount_list(std::vector<mount_point_t>& list)
+{
+    list.clear();
+    if (access(mountTable, R_OK) < 0)
+        return -EINVAL;
+    std::ifstream table(mountTable, std::ios::in);
+    if (table.fail())
+        return -errno;
+    const QRegExp separator("\\s+", Qt::CaseSensitive, QRegExp::RegExp);
+    std::string line;
+    // An I/O error ends the table like its end; what was read is kept.
+    while (std::getline(table, line)) {
+        const QStringList fields = QString::fromUtf8(line.c_str()).split(separator, skipEmptyFields);
+        if (fields.size() > 2)
+            list.push_back({fields[0], fields[1], fields[2]});
+    }
+    return 0;
+}
+
+int shutMyGpio::do_poweroff_process()
+{
+    std::vector<mount_point_t> mounts;
+    const QRegExp storage(storagePartition, Qt::CaseSensitive, QRegExp::RegExp);
+    // The power is going: flushing comes before anything else, the list
+    // below is only a record.
+    sync();
+    get_mount_list(mounts);
+    for (const mount_point_t& mount : mounts) {
+        if (mount.device == logPartition || storage.exactMatch(mount.device))
+            qDebug() << "umount " << mount.device << " from " << mount.mount_dir;
+    }
+    return 0;
+}
+
+void shutMyGpio::handleWake(int valueFd)
+{
+    char text[levelTextSize + 1];
+    lseek(valueFd, 0, SEEK_SET);
+    const ssize_t got = read(valueFd, text, levelTextSize);
+    if (got < 0) {
+        // No new level: acting on an older one could repeat a stale power-off.
+        fprintf(stderr, "check upper dor error: %s\n", strerror(errno));
+        return;
+    }
+    text[got] = '\0';
+    // Kept as long: on the 32-bit appliance that is int, and on a 64-bit
+    // build a huge number must not wrap round to 0 or 1.
+    const long level = strtol(text, nullptr, levelBase);
+    qDebug() << "shutMyGpio" << "run" << "val = " << QString::number(level);
+    if (level == 0) {
+        qDebug() << "shutMyGpio" << "run" << " receive poweroff signal";
+        poweroff_received = true;
+        do_poweroff_process();
+        emit sig_shutDown();
+    } else if (level == 1 && poweroff_received) {
+        poweroff_received = false;
+        qDebug() << "shutMyGpio" << "run" << " receive power on signal\n";
+        emit sig_pollOn();
+    }
+}
+
+// A watcher that never sees an edge is the worst outcome, so a value file
+// that does not open yet is tried again until it does.
+int shutMyGpio::openPowerSignal()
+{
+    int valueFd = gpio_open(powerLine);
+    if (valueFd >= 0)
+        return valueFd;
+    qDebug() << "shutMyGpio" << "run" << " power signal not watched, retry every second: " << strerror(-valueFd);
+    while (valueFd < 0) {
+        sleep(openRetrySeconds);
+        // The free function: a failure a second belongs on standard error,
+        // not in the size-limited log, where it would push out the history.
+        valueFd = ::gpio_open(powerLine);
+    }
+    qDebug() << "shutMyGpio" << "run" << " power signal watched";
+    return valueFd;
+}
+
+void shutMyGpio::run()
+{
+    qDebug() << "=======20160408======MyGpio=====run";
+    gpio_export(powerLine);
+    gpio_set_direction(powerLine, "in");
+    const int edgeSet = gpio_set_edge(powerLine, "falling");
+    if (edgeSet < 0)
+        qDebug() << "set edge failed: " << strerror(-edgeSet);
+    gpio_export(outputLine);
+    gpio_set_direction(outputLine, "out");
+    gpio_set_value(outputLine, 1);
+    const int valueFd = openPowerSignal();
+    for (;;) {
+        pollfd watched = {valueFd, POLLPRI, 0};
+        if (poll(&watched, 1, noTimeout) < 0)
+            fprintf(stderr, "poll error: %s\n", strerror(errno));
+        else if (watched.revents & POLLPRI)
+            handleWake(valueFd);
+    }
+}

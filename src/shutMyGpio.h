@@ -1,0 +1,67 @@
+#ifndef SHUTMYGPIO_H
+#define SHUTMYGPIO_H
+
+#include <QObject>
+#include <QString>
+
+#include <string>
+#include <vector>
+
+// Watches the power-signal input, GPIO line 55. On a loss of power it
+// flushes the file systems, logs the mounted storage partitions and emits
+// sig_shutDown; when the power comes back it emits sig_pollOn.
+//
+// An owner gives run a thread of its own, where it stays for the rest of
+// the process's life, and connects to the signals, which are emitted on that
+// thread. A running watcher must never be destroyed.
+class shutMyGpio : public QObject
+{
+    Q_OBJECT
+
+public:
+    // One line of the mount table.
+    struct mount_point_t {
+        QString device;
+        QString mount_dir;
+        QString fs_type;
+    };
+
+    shutMyGpio();
+
+    // The sysfs GPIO operations with the results of the free functions of the
+    // same names, which also raise debug messages about their failures.
+    int gpio_export(unsigned int gpio);
+    int gpio_unexport(unsigned int gpio);
+    int gpio_set_direction(unsigned int gpio, const std::string& dir);
+    int gpio_set_value(unsigned int gpio, unsigned int value);
+    int gpio_get_value(unsigned int gpio, unsigned int* value);
+    int gpio_set_edge(unsigned int gpio, const std::string& edge);
+    int gpio_open(unsigned int gpio);
+
+    // Fills list with the records of /proc/mounts in the table's order: 0,
+    // -EINVAL when the table is not readable, a negated errno when it cannot
+    // be opened. The list is emptied first on every path.
+    int get_mount_list(std::vector<mount_point_t>& list);
+    // Flushes the file systems and logs the SD card's partition and every
+    // mounted USB-storage partition; always 0.
+    int do_poweroff_process();
+
+    // What run does each time poll reports an edge on the value file: reads
+    // the level from the start of the file and acts on it.
+    void handleWake(int valueFd);
+
+signals:
+    void sig_shutDown();
+    void sig_pollOn();
+
+public slots:
+    // Sets up the lines and watches the power signal; never returns.
+    void run();
+
+private:
+    int openPowerSignal();
+
+    bool poweroff_received;
+};
+
+#endif // SHUTMYGPIO_H
