@@ -108,6 +108,38 @@ QStringList logLines(const QString& path)
     return lines;
 }
 
+bool mountGpioTree()
+{
+    const char gpioClass[] = "/sys/class/gpio";
+    if (QFileInfo(gpioClass).isDir())
+        return mountTmpfs(gpioClass, "mode=755");
+    return mountTmpfs("/sys/class", "mode=755") && QDir().mkdir(gpioClass);
+}
+
+const char mountTable[] = "/proc/mounts";
+
+bool bindMountTable(const QString& path)
+{
+    return mount(QFile::encodeName(path).constData(), mountTable, nullptr, MS_BIND, nullptr) == 0;
+}
+
+void unbindMountTable()
+{
+    umount2(mountTable, MNT_DETACH);
+}
+
+const char signalFile[] = "/proc/sys/kernel/hostname";
+
+bool makeSignalLine()
+{
+    return unshare(CLONE_NEWUTS) == 0;
+}
+
+bool setSignalLevel(const QByteArray& text)
+{
+    return sethostname(text.constData(), text.size()) == 0;
+}
+
 StderrCapture::StderrCapture()
     : savedFd(dup(STDERR_FILENO))
     , captureFd(open("/tmp", O_TMPFILE | O_RDWR, 0600))

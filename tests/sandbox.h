@@ -34,6 +34,22 @@ QByteArray readFile(const QString& path);
 void writeFile(const QString& path, const QByteArray& bytes);
 QStringList logLines(const QString& path = QString::fromLatin1(livePath));
 
+// A fresh, empty tmpfs at /sys/class/gpio (over /sys/class when the machine
+// has no GPIO class at all) for the kernel's GPIO tree.
+bool mountGpioTree();
+// Binds a file over the mount table /proc/mounts; it leads through
+// /proc/self, so only this process sees the file.
+bool bindMountTable(const QString& path);
+void unbindMountTable();
+
+// A power-signal stand-in: the host name of a private UTS namespace, entered
+// by the calling thread and the threads it starts later. Its file wakes poll
+// with POLLPRI on every change, as an edge does a GPIO value file, and reads
+// back the text set with a line feed.
+extern const char signalFile[];
+bool makeSignalLine();
+bool setSignalLevel(const QByteArray& text);
+
 // Everything written to standard error while it lives.
 class StderrCapture
 {
