@@ -31,6 +31,7 @@ const char childStartedLine[] = "child start as pid";
 const unsigned settleSeconds = 1;
 const unsigned windowSeconds = 10;
 const char straceOutput[] = "/tmp/strace.out";
+const char daemonOutput[] = "/tmp/daemon.out";
 
 struct Thread {
     std::string name;
@@ -56,7 +57,7 @@ Threads countSwitches(pid_t pid)
     return threads;
 }
 
-long reportSwitches(const Threads& before, const Threads& after)
+void reportSwitches(const Threads& before, const Threads& after)
 {
     long total = 0;
     printf("context switches over %u s, per thread:\n", windowSeconds);
@@ -68,7 +69,6 @@ long reportSwitches(const Threads& before, const Threads& after)
         total += delta;
     }
     printf("  total %ld (goal 0: %s)\n", total, total == 0 ? "met" : "MISSED");
-    return total;
 }
 
 bool awaitChildStartedLine()
@@ -87,7 +87,7 @@ void traceSystemCalls(pid_t pid)
     const std::string target = std::to_string(pid);
     const pid_t tracer = fork();
     if (tracer == 0) {
-        execlp("strace", "strace", "-f", "-c", "-o", straceOutput, "-p", target.c_str(),
+        execlp("strace", "strace", "-q", "-f", "-c", "-o", straceOutput, "-p", target.c_str(),
                static_cast<char*>(nullptr));
         _exit(127);
     }
@@ -100,23 +100,31 @@ void traceSystemCalls(pid_t pid)
         printf("strace is not installed: system calls not traced\n");
         return;
     }
-    printf("strace -f -c over %u s:\n%s", windowSeconds, driver::readFile(straceOutput).c_str());
+    // strace prints no table at all when no call was made.
+    const std::string summary = driver::readFile(straceOutput);
+    if (summary.find("total") == std::string::npos)
+        printf("strace -f -c over %u s: no system calls (goal 0: met)\n", windowSeconds);
+    else
+        printf("strace -f -c over %u s (goal 0: MISSED):\n%s", windowSeconds, summary.c_str());
 }
 
 } // namespace
 
 int main()
 {
+    // Line by line, so that our lines and the tools' keep their order.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     if (!driver::enterPrivateTree(CHILD_PATH) || !driver::openStampChannel())
         return 1;
     setenv("QT_QPA_PLATFORM", "offscreen", 1);
 
-    const pid_t daemon = driver::launch(DAEMON_PATH, "softShutDown", "/tmp/daemon.out");
-    driver::Stamp child;
+    const pid_t daemon = driver::launch(DAEMON_PATH, "softShutDown", daemonOutput);
+    driver::Stamp child = {0, 0};
     if (!driver::awaitStamp(child, stampTimeoutMs) || !awaitChildStartedLine()) {
         fprintf(stderr, "bench_idle: the daemon did not start its child; its output:\n%s\n",
-                driver::readFile("/tmp/daemon.out").c_str());
+                driver::readFile(daemonOutput).c_str());
         driver::stop(daemon);
+        driver::stop(child.pid);
         return 1;
     }
     sleep(settleSeconds);

@@ -171,7 +171,8 @@ BENCHMARK(BM_saveLog)->MinTime(secondsPerRun)->Repetitions(repetitions)->ReportA
 BENCHMARK(BM_qDebug)->MinTime(secondsPerRun)->Repetitions(repetitions)->ReportAggregatesOnly(true);
 BENCHMARK(BM_spdlog)->MinTime(secondsPerRun)->Repetitions(repetitions)->ReportAggregatesOnly(true);
 
-// Prints the usual table and keeps each benchmark's median for the summary.
+// Prints the usual table and keeps each benchmark's median and spread (the
+// coefficient of variation across its repetitions) for the summary.
 class SummaryReporter : public benchmark::ConsoleReporter
 {
 public:
@@ -179,20 +180,25 @@ public:
     {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
+            Figures& figures = results[run.run_name.function_name];
             if (run.run_type == Run::RT_Iteration || run.aggregate_name == "median")
-                medianNs[run.run_name.function_name] = run.GetAdjustedRealTime();
+                figures.medianNs = run.GetAdjustedRealTime();
+            else if (run.aggregate_name == "cv")
+                figures.spread = run.real_accumulated_time;
         }
     }
 
     void printSummary() const
     {
-        const auto floor = medianNs.find(floorName);
-        if (floor == medianNs.end())
+        const auto floor = results.find(floorName);
+        if (floor == results.end())
             return;
-        printf("\nper record (%zu bytes), median real time, ratio to the floor:\n", recordLength);
-        for (const auto& [name, ns] : medianNs) {
-            const double ratio = ns / floor->second;
-            printf("  %-12s %8.0f ns  %5.2fx", name.c_str(), ns, ratio);
+        printf("\nper record (%zu bytes): median real time of %d runs, spread (cv), ratio to the floor\n",
+               recordLength, repetitions);
+        for (const auto& [name, figures] : results) {
+            const double ratio = figures.medianNs / floor->second.medianNs;
+            printf("  %-12s %6.0f ns  cv %4.1f%%  %5.2fx", name.c_str(), figures.medianNs,
+                   figures.spread * 100, ratio);
             if (name == saveLogName)
                 printf("  (goal <= %.1fx: %s)", goalRatio, ratio <= goalRatio ? "met" : "MISSED");
             printf("\n");
@@ -200,7 +206,11 @@ public:
     }
 
 private:
-    std::map<std::string, double> medianNs;
+    struct Figures {
+        double medianNs = 0;
+        double spread = 0;
+    };
+    std::map<std::string, Figures> results;
 };
 
 bool makeWorkDir()

@@ -42,7 +42,7 @@ bool measureOnce(const Program& program, Sample& sample)
 {
     const int64_t spawnNs = driver::monotonicNs();
     const pid_t pid = driver::launch(program.path, program.argv0, program.errorFile);
-    driver::Stamp stamp;
+    driver::Stamp stamp = {0, 0};
     if (!driver::awaitStamp(stamp, stampTimeoutMs)) {
         driver::stop(pid);
         fprintf(stderr, "bench_startup: %s never started its child; its output:\n%s\n", program.label,
@@ -53,6 +53,11 @@ bool measureOnce(const Program& program, Sample& sample)
     const long peak = driver::statusField("/proc/" + std::to_string(pid) + "/status", "VmHWM");
     driver::stop(pid);
     driver::stop(stamp.pid);
+    if (peak < 0) {
+        fprintf(stderr, "bench_startup: %s ended on its own; its output:\n%s\n", program.label,
+                driver::readFile(program.errorFile).c_str());
+        return false;
+    }
     sample.startMs = static_cast<double>(stamp.startNs - spawnNs) / 1e6;
     sample.peakKb = static_cast<double>(peak);
     return true;
@@ -116,6 +121,7 @@ void report(const Program& daemon, const Program& minimal)
 
 int main(int argc, char** argv)
 {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     const int runs = argc > 1 ? atoi(argv[1]) : defaultRuns;
     if (runs < 1 || !driver::enterPrivateTree(CHILD_PATH) || !driver::openStampChannel())
         return 1;

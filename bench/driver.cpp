@@ -35,6 +35,7 @@ const char stampFifo[] = "/tmp/child-start";
 const char stampVariable[] = "STAMP_FIFO";
 // A stamp is "pid nanoseconds\n": far below PIPE_BUF, so it arrives whole.
 const size_t stampSize = 64;
+const int64_t nsPerSecond = 1000000000;
 
 int stampFd = -1;
 
@@ -114,7 +115,7 @@ int64_t monotonicNs()
 {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    return static_cast<int64_t>(now.tv_sec) * nsPerSecond + now.tv_nsec;
 }
 
 pid_t launch(const char* program, const char* argv0, const char* errorFile)

@@ -10,6 +10,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace {
+
+const long long nsPerSecond = 1000000000;
+// "pid nanoseconds\n" fits with room to spare.
+const size_t stampSize = 64;
+
+} // namespace
+
 int main()
 {
     struct timespec now;
@@ -17,9 +25,9 @@ int main()
 
     const char* fifo = getenv("STAMP_FIFO");
     if (fifo) {
-        char stamp[64];
+        char stamp[stampSize];
         const int length = snprintf(stamp, sizeof stamp, "%d %lld\n", static_cast<int>(getpid()),
-                                    static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec);
+                                    static_cast<long long>(now.tv_sec) * nsPerSecond + now.tv_nsec);
         const int fd = open(fifo, O_WRONLY);
         if (fd >= 0 && write(fd, stamp, static_cast<size_t>(length)) < 0)
             perror("stamp_child: write");
