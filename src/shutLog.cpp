@@ -43,13 +43,14 @@ void appendDigits(std::string& out, int value, int width)
 void appendUtcTime(std::string& out)
 {
     const QDateTime now = QDateTime::currentDateTimeUtc();
-    const QDate date = now.date();
+    int year, month, day;
+    now.date().getDate(&year, &month, &day);
     const QTime time = now.time();
-    appendDigits(out, date.year(), 4);
+    appendDigits(out, year, 4);
     out += '.';
-    appendDigits(out, date.month(), 2);
+    appendDigits(out, month, 2);
     out += '.';
-    appendDigits(out, date.day(), 2);
+    appendDigits(out, day, 2);
     out += ' ';
     appendDigits(out, time.hour(), 2);
     out += ':';
