@@ -159,6 +159,7 @@ int shutSerial::recv(std::string& line)
             lookInBuffer = true;
         } else if (got == 0) {
             std::cout << "serial waiting... : " << std::endl;
+            // A yield between two waits; the read itself already waited.
             sleep(0);
             if (++silentReads > maxSilentReads)
                 return 0;
