@@ -208,7 +208,7 @@ void Controller::serve()
 {
     QByteArray pending;
     char chunk[4096];
-    while (master >= 0) {
+    for (;;) {
         pollfd ready[2] = {{master, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
         if (poll(ready, 2, -1) < 0 || ready[1].revents)
             return;
@@ -217,7 +217,7 @@ void Controller::serve()
             return;
         pending.append(chunk, static_cast<int>(got));
         int end;
-        while (master >= 0 && (end = pending.indexOf("\r\n")) >= 0) {
+        while ((end = pending.indexOf("\r\n")) >= 0) {
             QByteArray command = pending.left(end);
             pending.remove(0, end + 2);
             if (command.startsWith('~'))
@@ -234,10 +234,6 @@ void Controller::serve()
 void Controller::answer(const QByteArray& command)
 {
     const Reply reply = replyTo(command);
-    if (reply.hangUp) {
-        hangUp();
-        return;
-    }
     for (const QByteArray& chunk : reply.chunks) {
         QThread::msleep(static_cast<unsigned long>(reply.pauseMs));
         pollfd early = {master, POLLIN, 0};

@@ -24,12 +24,10 @@ namespace controller {
 bool privateDev();
 
 // One answer to one command: the chunks are written one after another,
-// each after pauseMs. A silent reply writes nothing; a hang-up closes the
-// master instead of answering.
+// each after pauseMs. A reply without chunks leaves the command unanswered.
 struct Reply {
     QList<QByteArray> chunks;
     int pauseMs = 0;
-    bool hangUp = false;
 };
 
 class Controller
