@@ -29,7 +29,8 @@ public:
     shutMyGpio();
 
     // The sysfs GPIO operations with the results of the free functions of the
-    // same names, which also raise debug messages about their failures.
+    // same names; they also raise debug messages about their failures, and
+    // gpio_set_value one with the value file's path on every call that finds it.
     int gpio_export(unsigned int gpio);
     int gpio_unexport(unsigned int gpio);
     int gpio_set_direction(unsigned int gpio, const std::string& dir);
