@@ -32,6 +32,14 @@ void require(bool holds)
 
 void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
 
+// The descriptor the next open will get: the lowest one free.
+int nextDescriptor()
+{
+    const int probe = dup(STDIN_FILENO);
+    close(probe);
+    return probe;
+}
+
 void checkAnswer(const std::string& answer)
 {
     const int untouched = -7;
@@ -68,6 +76,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzedDataProvider input(data, size);
     const int wire = memfd_create("wire", MFD_CLOEXEC);
     require(wire >= 0);
+    // A port whose device is no terminal keeps its descriptor even through
+    // close; end it here, or the runs would use up the process's descriptors.
+    const int portFd = nextDescriptor();
     {
         shutSerial port("/proc/self/fd/" + std::to_string(wire));
         port.open(); // not a terminal, but the descriptor stays open for reading
@@ -88,6 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             require(handedOut <= fed);
         }
     }
+    close(portFd);
     close(wire);
     return 0;
 }
