@@ -4,9 +4,11 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -138,6 +140,37 @@ bool makeSignalLine()
 bool setSignalLevel(const QByteArray& text)
 {
     return sethostname(text.constData(), text.size()) == 0;
+}
+
+QByteArray callOf(pid_t tid)
+{
+    return readFile(QString("/proc/self/task/%1/syscall").arg(tid)).split(' ').value(0);
+}
+
+QByteArray sleepingCall(void (*wait)(int fd))
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return QByteArray();
+    std::atomic<pid_t> tid(0);
+    std::thread sleeper([&] {
+        tid = gettid();
+        wait(ends[0]);
+    });
+    // The same call twice, 50 ms apart: asleep in it, not on the way in.
+    QByteArray shown;
+    QByteArray last;
+    for (int i = 0; i < 100 && shown.isEmpty(); ++i) {
+        usleep(50000);
+        const QByteArray call = tid ? callOf(tid) : QByteArray();
+        if (!call.isEmpty() && call != "running" && call == last)
+            shown = call;
+        last = call;
+    }
+    close(ends[1]); // ends the sleeper's wait
+    sleeper.join();
+    close(ends[0]);
+    return shown;
 }
 
 StderrCapture::StderrCapture()

@@ -5,6 +5,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <sys/types.h>
+
 // Tests meet the daemon's fixed paths inside a private mount namespace:
 // fresh tmpfs trees over /tmp and /opt, so nothing of the machine's own is
 // ever touched. Entered first thing in main, before any thread exists.
@@ -49,6 +51,14 @@ void unbindMountTable();
 extern const char signalFile[];
 bool makeSignalLine();
 bool setSignalLevel(const QByteArray& text);
+
+// The first field of /proc/self/task/<tid>/syscall: the call the thread
+// sleeps in, by number, or "running".
+QByteArray callOf(pid_t tid);
+// The number callOf shows for a thread asleep in the given wait on the read
+// end of an empty pipe, learnt from a thread of the caller's own. Under
+// user-mode emulation that is the host's number, not this program's SYS_ one.
+QByteArray sleepingCall(void (*wait)(int fd));
 
 // Everything written to standard error while it lives.
 class StderrCapture

@@ -14,6 +14,7 @@
 #include <functional>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -123,12 +124,19 @@ volatile sig_atomic_t interrupted = 0;
 // Whether the thread sleeps in the wait for an edge.
 bool waitsInPoll(pid_t tid)
 {
-    const QByteArray call = readFile(QString("/proc/self/task/%1/syscall").arg(tid)).split(' ').value(0);
+    const QByteArray call = sandbox::callOf(tid);
 #ifdef SYS_poll
     if (call == QByteArray::number(SYS_poll))
         return true;
 #endif
-    return call == QByteArray::number(SYS_ppoll);
+    if (call == QByteArray::number(SYS_ppoll))
+        return true;
+    // Under emulation /proc shows the host's call.
+    static const QByteArray shown = sandbox::sleepingCall([](int fd) {
+        pollfd wait = {fd, POLLIN, 0};
+        poll(&wait, 1, -1);
+    });
+    return !call.isEmpty() && call == shown;
 }
 
 } // namespace

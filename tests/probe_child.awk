@@ -1,0 +1,22 @@
+#!/usr/bin/awk -f
+# probe_child as a script, for runs under user-mode emulation, where the
+# daemon cannot start an ARM program. It records the same things, as the
+# kernel reports them for this process: working directory, core-file limits
+# and blocked signals, each in a file under /tmp; then it waits for /tmp/go.
+# awk, not sh: the shell clears the blocked-signal mask it was started with.
+BEGIN {
+    system("pwd -P >/tmp/child-cwd")
+    while ((getline line < "/proc/self/limits") > 0) {
+        if (line ~ /^Max core file size/) {
+            split(line, field)
+            print field[5], field[6] > "/tmp/child-core"
+        }
+    }
+    close("/tmp/child-core")
+    while ((getline line < "/proc/self/status") > 0) {
+        if (line ~ /^SigBlk:/)
+            print line > "/tmp/child-mask"
+    }
+    close("/tmp/child-mask")
+    system("while [ ! -e /tmp/go ]; do sleep 0.02; done")
+}
