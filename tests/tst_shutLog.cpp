@@ -9,6 +9,7 @@
 #include <QtTest>
 
 #include <cerrno>
+#include <climits>
 
 using sandbox::readFile;
 using sandbox::writeFile;
@@ -124,6 +125,24 @@ private slots:
         saveDebug(*log, "c"); // 73 bytes found: rotated first
         QCOMPARE(readFile(older(1)).count('\n'), 3);
         QCOMPARE(textOf(readFile(live())), QString("c"));
+    }
+
+    // A live file past 2 GiB, more than a 32-bit off_t holds, is full like
+    // any other: opened, measured at the largest int, rotated away.
+    void aLiveFileBeyondTwoGibibytesIsRotated()
+    {
+        const qint64 bigSize = qint64(3) << 30;
+        {
+            QFile big(live());
+            QVERIFY(big.open(QIODevice::WriteOnly));
+            QVERIFY(big.resize(bigSize)); // sparse: it takes no room
+        }
+        QScopedPointer<shutLog> log(makeLog(102400, 6));
+        QCOMPARE(log->openLog(), 0);
+        QCOMPARE(log->getFileSize(), INT_MAX);
+        saveDebug(*log, "after the big one");
+        QCOMPARE(QFileInfo(older(1)).size(), bigSize);
+        QCOMPARE(textOf(readFile(live())), QString("after the big one"));
     }
 
     void recordsCarryUtcTimeTagAndTextWhole()
