@@ -124,7 +124,9 @@ private slots:
 
     void cleanup()
     {
-        if (daemon.state() != QProcess::NotRunning) {
+        // A start that failed half-way can leave pid -1, and kill(-1) as
+        // root would end every process of the machine.
+        if (daemon.state() != QProcess::NotRunning && daemon.processId() > 0) {
             daemon.kill();
             daemon.waitForFinished();
         }
