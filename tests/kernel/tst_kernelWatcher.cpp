@@ -1,0 +1,249 @@
+// The power-signal watcher on Debian's own kernel, with gpio-mockup's lines
+// 55 and 100: runs inside the test machine (tools/vm/test), as root, where
+// everything it touches is the machine's own.
+//
+// A watcher's run never returns, so one watcher serves the cases in their
+// order, each starting from the state the one before left: the line high
+// and the watcher in its wait. The last case starts a second watcher.
+#include "kernelGpio.h"
+
+#include <QDir>
+#include <QtTest>
+
+#include <sys/mount.h>
+
+using namespace kernelGpio;
+
+namespace {
+
+const unsigned int powerLine = 55;
+const unsigned int outputLine = 100;
+
+// What the watcher writes for the level it read.
+QString valueMessage(const char* level)
+{
+    return QString("shutMyGpio run val =  \"%1\"").arg(level);
+}
+const QString lossMessage = "shutMyGpio run  receive poweroff signal";
+const QString returnMessage = "shutMyGpio run  receive power on signal\n";
+// The partitions the preparation lists, in the mount table's order.
+const QStringList partitionMessages = {"umount  \"/dev/mmcblk0p3\"  from  \"/tmp/mnt/dev/mmcblk0p3\"",
+                                       "umount  \"/dev/sda1\"  from  \"/media/usb\""};
+
+// How long a wake that should not come is waited for. The machine is
+// emulated: a wake that comes at all comes in milliseconds.
+const int quietMs = 1000;
+
+QByteArray lineFile(unsigned int line, const char* file)
+{
+    return readFile(QString("/sys/class/gpio/gpio%1/%2").arg(line).arg(file));
+}
+
+// The line's row in the kernel's own table, without its leading blanks.
+QByteArray debugRow(unsigned int line)
+{
+    const QByteArray name = "gpio-" + QByteArray::number(line) + " ";
+    for (const QByteArray& row : readFile("/sys/kernel/debug/gpio").split('\n'))
+        if (row.trimmed().startsWith(name))
+            return row.simplified();
+    return QByteArray();
+}
+
+// A tmpfs takes any name as its device: mounted under the names of the SD
+// card's log partition and of a USB stick, the kernel's own mount table
+// shows what the preparation looks for.
+bool mountAs(const char* device, const char* dir)
+{
+    return QDir().mkpath(dir) && mount(device, dir, "tmpfs", 0, nullptr) == 0;
+}
+
+} // namespace
+
+class tst_kernelWatcher : public QObject
+{
+    Q_OBJECT
+
+private:
+    // Never destroyed: the thread's run never returns.
+    RunningWatcher* running = new RunningWatcher;
+
+    // The watcher is back in its wait, and stays there: no wake comes.
+    void staysWaiting()
+    {
+        QTRY_VERIFY(waitsInPoll(running->tid()));
+        const int shutDowns = running->shutDowns();
+        const int pollOns = running->pollOns();
+        QTest::qWait(quietMs);
+        QVERIFY(waitsInPoll(running->tid()));
+        QCOMPARE(running->shutDowns(), shutDowns);
+        QCOMPARE(running->pollOns(), pollOns);
+        QCOMPARE(takeMessages(), QStringList());
+    }
+
+    static QStringList lossMessages()
+    {
+        return QStringList({valueMessage("0"), lossMessage}) + partitionMessages;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(QFile::exists("/sys/kernel/debug/gpio-mockup/gpiochip0"), "not in the test machine");
+        QVERIFY(mountAs("/dev/mmcblk0p3", "/tmp/mnt/dev/mmcblk0p3"));
+        QVERIFY(mountAs("/dev/sda1", "/media/usb"));
+        keepMessages();
+        // The power is there when the watcher starts.
+        QVERIFY(setInput(powerLine, true));
+        running->start();
+        // The first wait returns at once, before any edge: the value file
+        // has not been read yet.
+        QTRY_VERIFY(timeOf(valueMessage("1")) >= 0);
+        QTRY_VERIFY(waitsInPoll(running->tid()));
+    }
+
+    // A hook left by a failed case must not act in the next.
+    void cleanup()
+    {
+        running->atShutDown(nullptr);
+        running->atPollOn(nullptr);
+    }
+
+    void setUpOfBothLines()
+    {
+        QCOMPARE(lineFile(powerLine, "direction"), QByteArray("in\n"));
+        QCOMPARE(lineFile(powerLine, "edge"), QByteArray("falling\n"));
+        QCOMPARE(lineFile(powerLine, "value"), QByteArray("1\n"));
+        QCOMPARE(lineFile(outputLine, "direction"), QByteArray("out\n"));
+        QCOMPARE(lineFile(outputLine, "value"), QByteArray("1\n"));
+        // The chip's side: the output really driven high, the input's
+        // interrupt requested.
+        QCOMPARE(debugRow(outputLine), QByteArray("gpio-100 ( |sysfs ) out hi"));
+        QCOMPARE(debugRow(powerLine), QByteArray("gpio-55 ( |sysfs ) in hi IRQ"));
+    }
+
+    // The first wake of all, with the power there, is a rise with no loss
+    // before it.
+    void riseWithNoLossBeforeItGivesNothing()
+    {
+        QCOMPARE(takeMessages(), QStringList({"=======20160408======MyGpio=====run",
+                                              "shutMyGpio gpio_set_value  str =  \"/sys/class/gpio/gpio100/value\"",
+                                              valueMessage("1")}));
+        QCOMPARE(running->shutDowns(), 0);
+        QCOMPARE(running->pollOns(), 0);
+        staysWaiting();
+    }
+
+    void fallingEdgeGivesOnePreparationAndOneShutDown()
+    {
+        QVERIFY(setInput(powerLine, false));
+        QTRY_COMPARE(running->shutDowns(), 1);
+        QCOMPARE(takeMessages(), lossMessages());
+        staysWaiting();
+        QCOMPARE(running->shutDowns(), 1);
+        QCOMPARE(running->pollOns(), 0);
+    }
+
+    // With edge "falling" the return of the power wakes nothing, so it
+    // gives no sig_pollOn by itself: the line reads 1 and nobody looks.
+    void risingEdgeAloneWakesNothing()
+    {
+        EdgeProbe probe(powerLine);
+        QVERIFY(probe.arm());
+        QVERIFY(setInput(powerLine, true));
+        QVERIFY(!probe.edgeWithin(quietMs));
+        QCOMPARE(lineFile(powerLine, "value"), QByteArray("1\n"));
+        staysWaiting();
+        QCOMPARE(running->shutDowns(), 1);
+        QCOMPARE(running->pollOns(), 0);
+    }
+
+    // The return is seen at the next wake that finds the line high: the
+    // power falls and is back before the watcher reads. The hook does this
+    // while the watcher is still busy with the loss, so the order is sure.
+    void riseAfterALossGivesOnePollOn()
+    {
+        // Left high by the case before; taken low and back without a
+        // watcher's reaction is impossible, so a new loss starts this one.
+        EdgeProbe probe(powerLine);
+        running->atShutDown([&probe] {
+            probe.arm();
+            setInput(powerLine, true);
+            setInput(powerLine, false);
+            setInput(powerLine, true);
+            probe.edgeWithin(5000);
+        });
+        QVERIFY(setInput(powerLine, false));
+        QTRY_COMPARE(running->pollOns(), 1);
+        QCOMPARE(running->shutDowns(), 2);
+        QCOMPARE(takeMessages(), lossMessages() + QStringList({valueMessage("1"), returnMessage}));
+        staysWaiting();
+        QCOMPARE(running->pollOns(), 1);
+    }
+
+    // The same dip once more, now right after the return was reported:
+    // the next wake reads 1 again, with no loss before it.
+    void riseAfterAReturnGivesNothing()
+    {
+        EdgeProbe probe(powerLine);
+        // At the loss: the power comes back, dips and comes back again.
+        running->atShutDown([&probe] {
+            probe.arm();
+            setInput(powerLine, true);
+            setInput(powerLine, false);
+            setInput(powerLine, true);
+            probe.edgeWithin(5000);
+        });
+        // At the return: the power dips once more.
+        running->atPollOn([&probe] {
+            probe.arm();
+            setInput(powerLine, false);
+            setInput(powerLine, true);
+            probe.edgeWithin(5000);
+        });
+        QVERIFY(setInput(powerLine, false));
+        QTRY_COMPARE(countOf(valueMessage("1")), 2);
+        QTRY_VERIFY(waitsInPoll(running->tid()));
+        QCOMPARE(takeMessages(), lossMessages() + QStringList({valueMessage("1"), returnMessage, valueMessage("1")}));
+        QCOMPARE(running->shutDowns(), 3);
+        QCOMPARE(running->pollOns(), 2);
+        staysWaiting();
+    }
+
+    void twoFallingEdgesGiveTwo()
+    {
+        const int before = running->shutDowns();
+        QVERIFY(setInput(powerLine, false));
+        QTRY_COMPARE(running->shutDowns(), before + 1);
+        QTRY_VERIFY(waitsInPoll(running->tid()));
+        QVERIFY(setInput(powerLine, true));
+        QVERIFY(setInput(powerLine, false));
+        QTRY_COMPARE(running->shutDowns(), before + 2);
+        QCOMPARE(takeMessages(), lossMessages() + lossMessages());
+        staysWaiting();
+        QCOMPARE(running->shutDowns(), before + 2);
+    }
+
+    // The line is low from the case before. A watcher that starts now
+    // takes the power-off path at its first wait, which returns at once;
+    // the first watcher sees no edge.
+    void lineAlreadyLowWhenAWatcherStarts()
+    {
+        QCOMPARE(lineFile(powerLine, "value"), QByteArray("0\n"));
+        const int firstShutDowns = running->shutDowns();
+        RunningWatcher* second = new RunningWatcher; // never destroyed, as above
+        second->start();
+        QTRY_COMPARE(second->shutDowns(), 1);
+        QCOMPARE(takeMessages(), QStringList({"=======20160408======MyGpio=====run",
+                                              "shutMyGpio gpio_set_value  str =  \"/sys/class/gpio/gpio100/value\""})
+                                     + lossMessages());
+        QTRY_VERIFY(waitsInPoll(second->tid()));
+        QTest::qWait(quietMs);
+        QCOMPARE(second->shutDowns(), 1);
+        QCOMPARE(second->pollOns(), 0);
+        QCOMPARE(running->shutDowns(), firstShutDowns);
+        QCOMPARE(takeMessages(), QStringList());
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_kernelWatcher)
+#include "tst_kernelWatcher.moc"
