@@ -1,0 +1,111 @@
+// How fast the watcher reacts to a loss of power on a real kernel: from the
+// moment line 55 is driven low to sig_shutDown, over many edges, with the
+// flush and the mount table (the preparation's own work) reported apart.
+// Runs inside the test machine (tools/vm/bench [edges]); the machine is
+// emulated without KVM, so the times are the emulator's, not the appliance's.
+#include "kernelGpio.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QSemaphore>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+using namespace kernelGpio;
+
+namespace {
+
+const unsigned int powerLine = 55;
+const char wakeMessage[] = "shutMyGpio run val =  \"0\"";
+const char lossMessage[] = "shutMyGpio run  receive poweroff signal";
+const char firstPartition[] = "umount  \"/dev/mmcblk0p3\"  from  \"/tmp/mnt/dev/mmcblk0p3\"";
+
+bool mountAs(const char* device, const char* dir)
+{
+    return QDir().mkpath(dir) && mount(device, dir, "tmpfs", 0, nullptr) == 0;
+}
+
+void waitUntil(const std::function<bool()>& ready)
+{
+    while (!ready())
+        usleep(1000);
+}
+
+// Median, spread between the 10th and 90th percentiles, and the extremes,
+// in microseconds.
+void report(const char* what, std::vector<qint64> ns)
+{
+    std::sort(ns.begin(), ns.end());
+    const auto at = [&ns](double share) { return ns[size_t(share * (ns.size() - 1))] / 1000.0; };
+    printf("%-34s median %9.1f   p10 %9.1f   p90 %9.1f   min %9.1f   max %9.1f\n", what, at(0.5), at(0.1),
+           at(0.9), at(0.0), at(1.0));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    const int edges = argc > 1 ? atoi(argv[1]) : 500;
+    if (edges < 1 || !QFile::exists("/sys/kernel/debug/gpio-mockup/gpiochip0")) {
+        fprintf(stderr, "usage (in the test machine): %s [edges]\n", argv[0]);
+        return 2;
+    }
+    // The partitions the preparation lists on the appliance, so that it
+    // does its whole work.
+    if (!mountAs("/dev/mmcblk0p3", "/tmp/mnt/dev/mmcblk0p3") || !mountAs("/dev/sda1", "/media/usb")) {
+        perror("mount");
+        return 1;
+    }
+    keepMessages();
+    setInput(powerLine, true);
+    RunningWatcher* running = new RunningWatcher; // never destroyed: run never returns
+    QSemaphore shutDown;
+    running->atShutDown([&shutDown] { shutDown.release(); });
+    running->start();
+    waitUntil([] { return timeOf("shutMyGpio run val =  \"1\"") >= 0; });
+
+    std::vector<qint64> toWake, toShutDown, preparation, withoutPreparation, bareSync;
+    for (int edge = 0; edge < edges; ++edge) {
+        // The power back (no wake: edge "falling"), the watcher waiting.
+        setInput(powerLine, true);
+        waitUntil([running] { return waitsInPoll(running->tid()); });
+        takeMessages();
+        const qint64 driven = nowNs();
+        setInput(powerLine, false);
+        shutDown.acquire();
+        const qint64 woken = timeOf(wakeMessage);
+        const qint64 lost = timeOf(lossMessage);
+        const qint64 listed = timeOf(firstPartition);
+        if (woken < 0 || lost < 0 || listed < 0) {
+            fprintf(stderr, "edge %d: the watcher's messages are missing\n", edge);
+            return 1;
+        }
+        const qint64 total = running->lastShutDownNs() - driven;
+        toWake.push_back(woken - driven);
+        toShutDown.push_back(total);
+        preparation.push_back(listed - lost);
+        withoutPreparation.push_back(total - (listed - lost));
+        // The flush alone, with as little to write as the watcher had.
+        const qint64 before = nowNs();
+        sync();
+        bareSync.push_back(nowNs() - before);
+    }
+    if (running->shutDowns() != edges) {
+        fprintf(stderr, "%d edges gave %d sig_shutDown\n", edges, running->shutDowns());
+        return 1;
+    }
+    printf("Reaction to a loss of power, %d falling edges on line 55, in microseconds\n", edges);
+    printf("(emulated machine, TCG, one processor: not the appliance's times)\n");
+    report("line driven low -> watcher awake", toWake);
+    report("line driven low -> sig_shutDown", toShutDown);
+    report("  of which sync + mount table", preparation);
+    report("  the rest", withoutPreparation);
+    report("a bare sync(), for comparison", bareSync);
+    return 0;
+}
