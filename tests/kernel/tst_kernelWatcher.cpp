@@ -4,11 +4,15 @@
 //
 // A watcher's run never returns, so one watcher serves the cases in their
 // order, each starting from the state the one before left: the line high
-// and the watcher in its wait. The last case starts a second watcher.
+// and the watcher in its wait. A case that needs a watcher's start starts
+// a second one.
 #include "kernelGpio.h"
+#include "sysfsGpio.h"
 
 #include <QDir>
 #include <QtTest>
+
+#include <cerrno>
 
 #include <sys/mount.h>
 
@@ -242,6 +246,28 @@ private slots:
         QCOMPARE(second->pollOns(), 0);
         QCOMPARE(running->shutDowns(), firstShutDowns);
         QCOMPARE(takeMessages(), QStringList());
+    }
+
+    // The kernel's refusals come back as the errno it gives, from the free
+    // functions and, with their messages, from the watcher's members.
+    void kernelRefusalsComeBackAsItsErrno()
+    {
+        takeMessages();
+        shutMyGpio members;
+        // Line 200 is beyond the chip's 128 lines.
+        QCOMPARE(gpio_export(200), -EINVAL);
+        QCOMPARE(members.gpio_export(200), -EINVAL);
+        QVERIFY(!QFile::exists("/sys/class/gpio/gpio200"));
+        // An edge needs an input's interrupt: line 100 is an output.
+        QCOMPARE(gpio_set_edge(outputLine, "falling"), -EIO);
+        QCOMPARE(members.gpio_set_edge(outputLine, "falling"), -EIO);
+        QCOMPARE(lineFile(outputLine, "edge"), QByteArray("none\n"));
+        QCOMPARE(takeMessages(),
+                 QStringList({"shutMyGpio gpio_export write /sys/class/gpio/exprot   value: \"200\"   error",
+                              "shutMyGpio gpio_set_edge write /sys/class/gpio /edge \"100\"   error"}));
+        // An exported line is left as it is, and its set-up stays.
+        QCOMPARE(gpio_export(powerLine), 0);
+        QCOMPARE(lineFile(powerLine, "edge"), QByteArray("falling\n"));
     }
 };
 
