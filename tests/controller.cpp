@@ -268,36 +268,6 @@ Reply Controller::replyTo(const QByteArray& command)
     return reply;
 }
 
-StdoutCapture::StdoutCapture()
-    : savedFd(dup(STDOUT_FILENO))
-    , captureFd(::open("/tmp", O_TMPFILE | O_RDWR, 0600))
-{
-    fflush(stdout);
-    dup2(captureFd, STDOUT_FILENO);
-}
-
-StdoutCapture::~StdoutCapture()
-{
-    fflush(stdout);
-    dup2(savedFd, STDOUT_FILENO);
-    ::close(captureFd);
-    ::close(savedFd);
-}
-
-QByteArray StdoutCapture::text()
-{
-    fflush(stdout);
-    QByteArray bytes;
-    char chunk[4096];
-    ssize_t got;
-    off_t at = 0;
-    while ((got = pread(captureFd, chunk, sizeof chunk, at)) > 0) {
-        bytes.append(chunk, static_cast<int>(got));
-        at += got;
-    }
-    return bytes;
-}
-
 namespace {
 
 QMutex messagesLock;

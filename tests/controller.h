@@ -85,19 +85,6 @@ private:
     QList<qint64> arrivals;
 };
 
-// Everything written to standard output while it lives.
-class StdoutCapture
-{
-public:
-    StdoutCapture();
-    ~StdoutCapture();
-    QByteArray text();
-
-private:
-    int savedFd;
-    int captureFd;
-};
-
 // Every Qt message of the process while it lives, as "D text" or "W text".
 class MessageLog
 {

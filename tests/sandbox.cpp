@@ -173,35 +173,34 @@ QByteArray sleepingCall(void (*wait)(int fd))
     return shown;
 }
 
-StderrCapture::StderrCapture()
-    : savedFd(dup(STDERR_FILENO))
+OutputCapture::OutputCapture(int streamFd)
+    : streamFd(streamFd)
+    , savedFd(dup(streamFd))
     , captureFd(open("/tmp", O_TMPFILE | O_RDWR, 0600))
-    , finished(false)
 {
-    fflush(stderr);
-    dup2(captureFd, STDERR_FILENO);
+    fflush(nullptr);
+    dup2(captureFd, streamFd);
 }
 
-StderrCapture::~StderrCapture()
+OutputCapture::~OutputCapture()
 {
-    text();
+    fflush(nullptr);
+    dup2(savedFd, streamFd);
     close(captureFd);
     close(savedFd);
 }
 
-QByteArray StderrCapture::text()
+QByteArray OutputCapture::text()
 {
-    if (!finished) {
-        fflush(stderr);
-        dup2(savedFd, STDERR_FILENO);
-        finished = true;
-    }
+    fflush(nullptr);
     QByteArray bytes;
     char chunk[4096];
     ssize_t got;
-    lseek(captureFd, 0, SEEK_SET);
-    while ((got = read(captureFd, chunk, sizeof chunk)) > 0)
+    off_t at = 0;
+    while ((got = pread(captureFd, chunk, sizeof chunk, at)) > 0) {
         bytes.append(chunk, static_cast<int>(got));
+        at += got;
+    }
     return bytes;
 }
 

@@ -6,6 +6,7 @@
 #include <QStringList>
 
 #include <sys/types.h>
+#include <unistd.h>
 
 // Tests meet the daemon's fixed paths inside a private mount namespace:
 // fresh tmpfs trees over /tmp and /opt, so nothing of the machine's own is
@@ -60,18 +61,21 @@ QByteArray callOf(pid_t tid);
 // user-mode emulation that is the host's number, not this program's SYS_ one.
 QByteArray sleepingCall(void (*wait)(int fd));
 
-// Everything written to standard error while it lives.
-class StderrCapture
+// Everything written to one of the standard streams (STDOUT_FILENO or
+// STDERR_FILENO) while it lives; text() may be read at any time.
+class OutputCapture
 {
 public:
-    StderrCapture();
-    ~StderrCapture();
+    explicit OutputCapture(int streamFd);
+    ~OutputCapture();
+    OutputCapture(const OutputCapture&) = delete;
+    OutputCapture& operator=(const OutputCapture&) = delete;
     QByteArray text();
 
 private:
+    int streamFd;
     int savedFd;
     int captureFd;
-    bool finished;
 };
 
 } // namespace sandbox

@@ -194,7 +194,7 @@ private slots:
     {
         const QByteArray missing = (dir() + "/missing").toUtf8();
         shutLog log(missing.constData(), "shutDown.log", 100, 6);
-        sandbox::StderrCapture err;
+        sandbox::OutputCapture err(STDERR_FILENO);
         QCOMPARE(log.openLog(), -ENOENT);
         QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOENT);
         QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOENT);
@@ -209,7 +209,7 @@ private slots:
         writeFile(live(), "full");
         QScopedPointer<shutLog> log(makeLog(4, 6));
         {
-            sandbox::StderrCapture err;
+            sandbox::OutputCapture err(STDERR_FILENO);
             QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "x"), -EISDIR);
             QCOMPARE(err.text(), QByteArray("unlink file failed: Is a directory\nshiftFiles failed\n"));
         }
@@ -218,7 +218,7 @@ private slots:
         writeFile(older(3), "three");
         QVERIFY(sandbox::pin(older(3)));
         {
-            sandbox::StderrCapture err;
+            sandbox::OutputCapture err(STDERR_FILENO);
             QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "x"), -EBUSY);
             QCOMPARE(err.text(), "rename file " + older(3).toUtf8()
                                      + " failed: Device or resource busy\nshiftFiles failed\n");
@@ -226,7 +226,7 @@ private slots:
         sandbox::unpin(older(3));
         QVERIFY(sandbox::pin(live()));
         {
-            sandbox::StderrCapture err;
+            sandbox::OutputCapture err(STDERR_FILENO);
             QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "x"), -EBUSY);
             QCOMPARE(err.text(), "rename file " + live().toUtf8()
                                      + " failed: Device or resource busy\nshiftFiles failed\n");
@@ -254,7 +254,7 @@ private slots:
             }
             filler.close();
             {
-                sandbox::StderrCapture err;
+                sandbox::OutputCapture err(STDERR_FILENO);
                 QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOSPC);
                 QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOSPC);
                 QCOMPARE(err.text(), QByteArray("write to log failed: No space left on device\n").repeated(2));

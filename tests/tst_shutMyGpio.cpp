@@ -222,7 +222,7 @@ private slots:
                          "shutMyGpio gpio_unexport write unexprot  /sys/class/gpio /exprot \"7\"   error"});
         QFile::remove("/sys/class/gpio/export");
         QFile::remove("/sys/class/gpio/unexport");
-        sandbox::StderrCapture stderrText;
+        sandbox::OutputCapture stderrText(STDERR_FILENO);
         QCOMPARE(family.exportLine(55), -ENOENT);
         QCOMPARE(family.unexportLine(7), -ENOENT);
         QCOMPARE(stderrText.text(), QByteArray("gpio/export: No such file or directory\n"
@@ -333,7 +333,7 @@ private slots:
         QCOMPARE(QByteArray(text), QByteArray("1\n"));
         close(fd);
 
-        sandbox::StderrCapture stderrText;
+        sandbox::OutputCapture stderrText(STDERR_FILENO);
         QCOMPARE(family.open(56), -ENOENT);
         QCOMPARE(stderrText.text(), QByteArray("gpio/fd_open: No such file or directory\n"));
         compareMessages({"shutMyGpio gpio_open /sys/class/gpio /open \"56\"   error"});
@@ -464,7 +464,7 @@ private slots:
         const int unreadable = open("/tmp", O_RDONLY);
         handleLevel(fresh, fd, "0\n");
 
-        sandbox::StderrCapture stderrText;
+        sandbox::OutputCapture stderrText(STDERR_FILENO);
         fresh.handleWake(unreadable);
         QCOMPARE(stderrText.text(), QByteArray("check upper dor error: Is a directory\n"));
         QCOMPARE(takeMessages(), QStringList());
@@ -496,7 +496,7 @@ private slots:
         connect(thread, &QThread::started, running, &shutMyGpio::run);
         connect(running, &shutMyGpio::sig_shutDown, this, [this] { ++shutDowns; });
         connect(running, &shutMyGpio::sig_pollOn, this, [this] { ++pollOns; });
-        sandbox::StderrCapture openFailures;
+        sandbox::OutputCapture openFailures(STDERR_FILENO);
         thread->start();
 
         // The value file is missing at first: reported, then tried once a second.
@@ -530,7 +530,7 @@ private slots:
 
         // A wait cut short by a signal is reported, and the watch goes on.
         QTRY_VERIFY(waitsInPoll(watcherTid));
-        sandbox::StderrCapture pollFailure;
+        sandbox::OutputCapture pollFailure(STDERR_FILENO);
         QCOMPARE(pthread_kill(watcherThread, SIGUSR1), 0);
         // Only once the wait has ended, or the edge would end it instead.
         QTRY_VERIFY(interrupted);

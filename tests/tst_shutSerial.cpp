@@ -15,7 +15,7 @@
 
 using controller::Controller;
 using controller::Runner;
-using controller::StdoutCapture;
+using sandbox::OutputCapture;
 
 namespace {
 
@@ -142,7 +142,7 @@ private slots:
         peer.queue("ok 1\r\nok 2\r\n");
         peer.queue("ok\n7\r\n");
         peer.queue(QByteArray("ok\0 3\r\n\0ok 4\r\n", 15));
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
 
         port.send("M105");
         QCOMPARE(received(port), QByteArray("4:ok 7"));
@@ -180,7 +180,7 @@ private slots:
         shutSerial port(peer.slave());
         QCOMPARE(port.open(), 0);
         peer.write("\r\nok 7\r\n");
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         QElapsedTimer waited;
         waited.start();
         {
@@ -200,7 +200,7 @@ private slots:
         Controller peer;
         shutSerial port(peer.slave());
         QCOMPARE(port.open(), 0);
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         QElapsedTimer waited;
         waited.start();
         QCOMPARE(received(port), QByteArray("0:"));
@@ -215,7 +215,7 @@ private slots:
         shutSerial port(peer.slave());
         QCOMPARE(port.open(), 0);
         peer.write(QByteArray(1024, 'z'));
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         QCOMPARE(received(port), QByteArray("0:"));
         peer.write("\r\nok 7\r\n");
         QCOMPARE(received(port), QByteArray("0:"));
@@ -228,7 +228,7 @@ private slots:
         shutSerial port(peer.slave());
         QCOMPARE(port.open(), 0);
         peer.hangUp();
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         QCOMPARE(received(port), QByteArray("0:"));
         QCOMPARE(out.text(), waitingLine.repeated(6));
         QCOMPARE(port.send("G28"), -1);
@@ -240,7 +240,7 @@ private slots:
         Controller peer;
         shutSerial port(peer.slave());
         QCOMPARE(port.open(), 0);
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         int length = 1;
         {
             Runner reader([&port, &length] {

@@ -14,7 +14,7 @@ using controller::Controller;
 using controller::MessageLog;
 using controller::Reply;
 using controller::Runner;
-using controller::StdoutCapture;
+using sandbox::OutputCapture;
 
 namespace {
 
@@ -56,7 +56,7 @@ private slots:
     void aLinkWithoutItsDeviceRetriesTheDeviceAtEveryExchange()
     {
         MessageLog log;
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         shutSerialObject link;
         QVERIFY(log.messages().contains("D Serial open failed."));
         QCOMPARE(link.serialSendCode("G28"), unparsed);
@@ -179,7 +179,7 @@ private slots:
         shutSerialObject link;
         Controller second(portPath);
         second.start();
-        StdoutCapture out;
+        OutputCapture out(STDOUT_FILENO);
         QString answer;
         {
             Runner owner([&link, &answer] { answer = link.serialSendCode("G1"); });

@@ -56,6 +56,19 @@ QByteArray debugRow(unsigned int line)
 // A tmpfs takes any name as its device: mounted under the names of the SD
 // card's log partition and of a USB stick, the kernel's own mount table
 // shows what the preparation looks for.
+// From inside a signal's emission, while the watcher is still busy: the
+// power (back first, when it is low) falls and comes back, and the falling
+// edge is marked before the watcher reads the line again.
+void dipWhileBusy(EdgeProbe& probe, bool lowNow)
+{
+    probe.arm();
+    if (lowNow)
+        setInput(powerLine, true);
+    setInput(powerLine, false);
+    setInput(powerLine, true);
+    probe.edgeWithin(5000);
+}
+
 bool mountAs(const char* device, const char* dir)
 {
     return QDir().mkpath(dir) && mount(device, dir, "tmpfs", 0, nullptr) == 0;
@@ -169,13 +182,7 @@ private slots:
         // Left high by the case before; taken low and back without a
         // watcher's reaction is impossible, so a new loss starts this one.
         EdgeProbe probe(powerLine);
-        running->atShutDown([&probe] {
-            probe.arm();
-            setInput(powerLine, true);
-            setInput(powerLine, false);
-            setInput(powerLine, true);
-            probe.edgeWithin(5000);
-        });
+        running->atShutDown([&probe] { dipWhileBusy(probe, true); });
         QVERIFY(setInput(powerLine, false));
         QTRY_COMPARE(running->pollOns(), 1);
         QCOMPARE(running->shutDowns(), 2);
@@ -190,20 +197,9 @@ private slots:
     {
         EdgeProbe probe(powerLine);
         // At the loss: the power comes back, dips and comes back again.
-        running->atShutDown([&probe] {
-            probe.arm();
-            setInput(powerLine, true);
-            setInput(powerLine, false);
-            setInput(powerLine, true);
-            probe.edgeWithin(5000);
-        });
+        running->atShutDown([&probe] { dipWhileBusy(probe, true); });
         // At the return: the power dips once more.
-        running->atPollOn([&probe] {
-            probe.arm();
-            setInput(powerLine, false);
-            setInput(powerLine, true);
-            probe.edgeWithin(5000);
-        });
+        running->atPollOn([&probe] { dipWhileBusy(probe, false); });
         QVERIFY(setInput(powerLine, false));
         QTRY_COMPARE(countOf(valueMessage("1")), 2);
         QTRY_VERIFY(waitsInPoll(running->tid()));
