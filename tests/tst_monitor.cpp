@@ -7,8 +7,10 @@
 #include <QRegularExpression>
 #include <QtTest>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -18,6 +20,24 @@ void toBurstLog(QtMsgType type, const QMessageLogContext& context, const QString
 {
     burstLog->saveLog(type, context, msg);
 }
+
+// A thread that spins until it goes out of scope; it notes the signal mask it
+// was started with.
+struct BusyThread {
+    std::atomic<bool> stop{false};
+    sigset_t mask;
+    std::thread thread{[this] {
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        while (!stop) {
+        }
+    }};
+
+    ~BusyThread()
+    {
+        stop = true;
+        thread.join();
+    }
+};
 
 bool reaped(pid_t pid)
 {
@@ -31,6 +51,29 @@ class tst_monitor : public QObject
     Q_OBJECT
 
 private slots:
+    // Runs first: the busy thread starts before any launch, as Qt's own
+    // threads do in the daemon. Had it taken SIGCHLD before the handler was in
+    // place, it would have discarded the end of a child that ends at once.
+    void childrenThatEndAtOnceAreLoggedWhileAnotherThreadRuns()
+    {
+        sandbox::resetCard();
+        sandbox::installChild("#!/bin/sh\nexit 0\n");
+        burstLog = new shutLog(sandbox::logDir, "shutDown.log", 1024 * 1024 * 1024, 6);
+        qInstallMessageHandler(toBurstLog);
+        const int rounds = 20;
+        {
+            BusyThread busy;
+            for (int round = 1; round <= rounds; ++round) {
+                QCOMPARE(startFork(), 0);
+                QTRY_COMPARE(sandbox::readFile(sandbox::livePath).count("child exited normally"), round);
+            }
+            QVERIFY(sigismember(&busy.mask, SIGCHLD));
+        }
+        qInstallMessageHandler(nullptr);
+        delete burstLog;
+        QCOMPARE(sandbox::logLines().size(), 3 * rounds);
+    }
+
     void aChildEndingInABurstOfMessagesTearsNoRecord()
     {
         sandbox::resetCard();
