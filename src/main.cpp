@@ -1,6 +1,7 @@
 #include "main.h"
 
 #include "mainwindow.h"
+#include "monitor.h"
 #include "shutLog.h"
 
 #include <QApplication>
@@ -45,6 +46,7 @@ void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString&
 
 int main(int argc, char** argv)
 {
+    holdChildSignal();
     QApplication* app = new QApplication(argc, argv);
     if (!QFile::exists(logDirectory))
         QDir().mkdir(logDirectory);

@@ -35,24 +35,6 @@ struct ChildReport {
 int reportPipe[2] = {-1, -1};
 QSocketNotifier* reportNotifier = nullptr;
 
-// The signal mask the supervisor was started with; the child program gets it back.
-sigset_t startMask;
-
-// Holds SIGCHLD from before main, while the main thread is the only one.
-// Every thread Qt starts later inherits the held signal, so the child's end
-// can only reach the main thread, and only once its handler is in place: a
-// thread with SIGCHLD open and no handler yet would silently discard the
-// signal of a child that ends at once.
-bool holdChildSignal(sigset_t* previousMask)
-{
-    sigset_t childSignal;
-    sigemptyset(&childSignal);
-    sigaddset(&childSignal, SIGCHLD);
-    return sigprocmask(SIG_BLOCK, &childSignal, previousMask) == 0;
-}
-
-const bool childSignalHeldFromStart = holdChildSignal(&startMask);
-
 void sigchld_handler(int sig)
 {
     Q_UNUSED(sig);
@@ -127,10 +109,9 @@ int setCoreLimit()
     return 0;
 }
 
-[[noreturn]] void runChildProgram()
+[[noreturn]] void runChildProgram(const sigset_t& openMask)
 {
-    // The appliance's program starts with the signal mask the supervisor had.
-    sigprocmask(SIG_SETMASK, &startMask, nullptr);
+    sigprocmask(SIG_SETMASK, &openMask, nullptr);
     execl(childProgram, childArgument, static_cast<char*>(nullptr));
     qDebug() << "monitor" << "startFork" << " execl failed: " << strerror(errno);
     // Never fall back into the supervisor's own code as a second supervisor.
@@ -155,6 +136,14 @@ int watchChild()
 
 } // namespace
 
+void holdChildSignal()
+{
+    sigset_t childSignal;
+    sigemptyset(&childSignal);
+    sigaddset(&childSignal, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &childSignal, nullptr);
+}
+
 int startFork()
 {
     const int limited = setCoreLimit();
@@ -166,20 +155,25 @@ int startFork()
     }
 
     // SIGCHLD stays held until the handler is in place, so a child that
-    // ends at once is still reaped and logged.
-    holdChildSignal(nullptr);
+    // ends at once is still reaped and logged. Afterwards both processes
+    // take it: the supervisor to learn of its child's end, the appliance's
+    // program as it would anywhere else.
+    sigset_t openMask;
+    sigprocmask(SIG_BLOCK, nullptr, &openMask);
+    sigdelset(&openMask, SIGCHLD);
+    holdChildSignal();
 
     g_pid = fork();
     if (g_pid == 0)
-        runChildProgram();
+        runChildProgram(openMask);
     if (g_pid < 0) {
         const int err = errno;
-        sigprocmask(SIG_SETMASK, &startMask, nullptr);
+        sigprocmask(SIG_SETMASK, &openMask, nullptr);
         qDebug() << "monitor" << "startFork" << " fork failed: " << strerror(err);
         return -1;
     }
     qDebug() << "monitor" << "startFork" << " child start as pid: " << QString::number(g_pid);
     const int watched = watchChild();
-    sigprocmask(SIG_SETMASK, &startMask, nullptr);
+    sigprocmask(SIG_SETMASK, &openMask, nullptr);
     return watched;
 }

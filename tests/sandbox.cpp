@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QtTest>
 
 #include <atomic>
 #include <cerrno>
@@ -184,10 +185,16 @@ OutputCapture::OutputCapture(int streamFd)
 
 OutputCapture::~OutputCapture()
 {
+    // Qt Test reports a failure on standard output: one raised while the
+    // stream was captured must still be seen.
     fflush(nullptr);
+    const QByteArray captured = QTest::currentTestFailed() ? text() : QByteArray();
     dup2(savedFd, streamFd);
     close(captureFd);
     close(savedFd);
+    if (write(streamFd, captured.constData(), captured.size()) < 0) {
+        // Nowhere left to report it.
+    }
 }
 
 QByteArray OutputCapture::text()

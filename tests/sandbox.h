@@ -90,4 +90,17 @@ private:
         return QTest::qExec(&test, argc, argv);         \
     }
 
+// For tests that launch the child: SIGCHLD held before any thread starts,
+// as the daemon's main holds it.
+#define SANDBOXED_LAUNCHER_TEST_MAIN(TestObject)        \
+    int main(int argc, char** argv)                     \
+    {                                                   \
+        holdChildSignal();                              \
+        if (!sandbox::enter())                          \
+            return 1;                                   \
+        QApplication app(argc, argv);                   \
+        TestObject test;                                \
+        return QTest::qExec(&test, argc, argv);         \
+    }
+
 #endif // SANDBOX_H

@@ -1,5 +1,6 @@
 // The fault screen, built as the daemon builds it: hidden, turned by the view.
 #include "mainwindow.h"
+#include "monitor.h"
 #include "sandbox.h"
 #include "ui_mainwindow.h"
 
@@ -171,5 +172,5 @@ private slots:
     }
 };
 
-SANDBOXED_TEST_MAIN(tst_MainWindow)
+SANDBOXED_LAUNCHER_TEST_MAIN(tst_MainWindow)
 #include "tst_mainwindow.moc"

@@ -52,8 +52,9 @@ class tst_monitor : public QObject
 
 private slots:
     // Runs first: the busy thread starts before any launch, as Qt's own
-    // threads do in the daemon. Had it taken SIGCHLD before the handler was in
-    // place, it would have discarded the end of a child that ends at once.
+    // threads do in the daemon, and inherits SIGCHLD held. Had it taken the
+    // signal before the handler was in place, it would have discarded the end
+    // of a child that ends at once.
     void childrenThatEndAtOnceAreLoggedWhileAnotherThreadRuns()
     {
         sandbox::resetCard();
@@ -111,5 +112,5 @@ private slots:
     }
 };
 
-SANDBOXED_TEST_MAIN(tst_monitor)
+SANDBOXED_LAUNCHER_TEST_MAIN(tst_monitor)
 #include "tst_monitor.moc"
