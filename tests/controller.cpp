@@ -268,47 +268,6 @@ Reply Controller::replyTo(const QByteArray& command)
     return reply;
 }
 
-namespace {
-
-QMutex messagesLock;
-QStringList recorded;
-
-void record(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    QMutexLocker locked(&messagesLock);
-    recorded << (type == QtWarningMsg ? "W " : "D ") + text;
-}
-
-} // namespace
-
-MessageLog::MessageLog()
-{
-    QMutexLocker locked(&messagesLock);
-    recorded.clear();
-    qInstallMessageHandler(record);
-}
-
-MessageLog::~MessageLog()
-{
-    qInstallMessageHandler(nullptr);
-}
-
-QStringList MessageLog::messages()
-{
-    QMutexLocker locked(&messagesLock);
-    return recorded;
-}
-
-QStringList MessageLog::withPrefix(const QString& prefix)
-{
-    QStringList found;
-    for (const QString& message : messages()) {
-        if (message.startsWith(prefix))
-            found << message;
-    }
-    return found;
-}
-
 bool Runner::interruptRead()
 {
     struct sigaction action;

@@ -85,16 +85,6 @@ private:
     QList<qint64> arrivals;
 };
 
-// Every Qt message of the process while it lives, as "D text" or "W text".
-class MessageLog
-{
-public:
-    MessageLog();
-    ~MessageLog();
-    QStringList messages();
-    QStringList withPrefix(const QString& prefix);
-};
-
 // A thread that records its kernel thread id, so that a test can wait until
 // it blocks in read(2) and interrupt it there.
 class Runner

@@ -1,8 +1,11 @@
 #include "sandbox.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMutex>
+#include <QThread>
 #include <QtTest>
 
 #include <atomic>
@@ -209,6 +212,95 @@ QByteArray OutputCapture::text()
         at += got;
     }
     return bytes;
+}
+
+namespace {
+
+struct Message {
+    QtMsgType type;
+    QString text;
+    bool onMainThread;
+};
+
+QMutex messagesLock;
+QList<Message> messages;
+
+void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
+{
+    const QCoreApplication* app = QCoreApplication::instance();
+    const bool onMainThread = app && QThread::currentThread() == app->thread();
+    QMutexLocker locked(&messagesLock);
+    messages.append({type, text, onMainThread});
+}
+
+template <typename Select>
+QStringList collect(Select select)
+{
+    QMutexLocker locked(&messagesLock);
+    QStringList selected;
+    for (const Message& message : messages)
+        select(message, selected);
+    return selected;
+}
+
+} // namespace
+
+MessageLog::MessageLog()
+{
+    QMutexLocker locked(&messagesLock);
+    messages.clear();
+    qInstallMessageHandler(keepMessage);
+}
+
+MessageLog::~MessageLog()
+{
+    qInstallMessageHandler(nullptr);
+}
+
+QStringList MessageLog::texts()
+{
+    return collect([](const Message& message, QStringList& into) { into << message.text; });
+}
+
+QStringList MessageLog::take()
+{
+    const QStringList taken = texts();
+    QMutexLocker locked(&messagesLock);
+    messages.clear();
+    return taken;
+}
+
+QStringList MessageLog::onMainThread()
+{
+    return collect([](const Message& message, QStringList& into) {
+        if (message.onMainThread)
+            into << message.text;
+    });
+}
+
+QStringList MessageLog::onOtherThreads()
+{
+    return collect([](const Message& message, QStringList& into) {
+        if (!message.onMainThread)
+            into << message.text;
+    });
+}
+
+QStringList MessageLog::tagged()
+{
+    return collect([](const Message& message, QStringList& into) {
+        into << (message.type == QtWarningMsg ? "W " : "D ") + message.text;
+    });
+}
+
+QStringList MessageLog::taggedWithPrefix(const QString& prefix)
+{
+    QStringList found;
+    for (const QString& message : tagged()) {
+        if (message.startsWith(prefix))
+            found << message;
+    }
+    return found;
 }
 
 } // namespace sandbox

@@ -78,6 +78,25 @@ private:
     int captureFd;
 };
 
+// Every Qt message the process raises while it lives, from any thread.
+class MessageLog
+{
+public:
+    MessageLog();
+    ~MessageLog();
+    MessageLog(const MessageLog&) = delete;
+    MessageLog& operator=(const MessageLog&) = delete;
+
+    QStringList texts();
+    // The texts so far; the log starts empty again.
+    QStringList take();
+    QStringList onMainThread();
+    QStringList onOtherThreads();
+    // "D text" for a debug message, "W text" for a warning.
+    QStringList tagged();
+    QStringList taggedWithPrefix(const QString& prefix);
+};
+
 } // namespace sandbox
 
 #define SANDBOXED_TEST_MAIN(TestObject)                 \

@@ -10,14 +10,9 @@
 #include <QPushButton>
 #include <QtTest>
 
+#include <memory>
+
 namespace {
-
-QStringList messages;
-
-void collect(QtMsgType, const QMessageLogContext&, const QString& msg)
-{
-    messages << msg;
-}
 
 const QColor faultBlue(23, 83, 186);
 const QColor acceptYellow(248, 192, 41);
@@ -30,6 +25,8 @@ class tst_MainWindow : public QObject
 
 private:
     MainWindow* window = nullptr;
+    // Made once the test run has begun: Qt Test installs its own handler then.
+    std::unique_ptr<sandbox::MessageLog> log;
 
     QImage renderThroughView()
     {
@@ -55,19 +52,20 @@ private slots:
     {
         sandbox::resetCard();
         sandbox::installChild("#!/bin/sh\nexit 0\n");
-        qInstallMessageHandler(collect);
+        log.reset(new sandbox::MessageLog);
         window = new MainWindow;
-        QTRY_VERIFY(messages.contains("monitor sigchld_handler  child exited normally "));
+        QTRY_VERIFY(log->texts().contains("monitor sigchld_handler  child exited normally "));
     }
 
     void cleanupTestCase()
     {
-        qInstallMessageHandler(nullptr);
+        log.reset();
         delete window;
     }
 
     void constructionAnnouncesItselfSixTimesThenLaunchesTheChild()
     {
+        const QStringList messages = log->texts();
         QCOMPARE(messages.size(), 6 + 1 + 2);
         for (int i = 0; i < 6; ++i)
             QCOMPARE(messages[i], QString("mainwindow MainWindow  add new"));
@@ -120,10 +118,10 @@ private slots:
     void aClickOnlyAccepts()
     {
         QVERIFY(!window->accepted);
-        const int before = messages.size();
+        const int before = log->texts().size();
         window->findChild<QPushButton*>("pushButton")->click();
         QVERIFY(window->accepted);
-        QCOMPARE(messages.size(), before);
+        QCOMPARE(log->texts().size(), before);
         QVERIFY(window->view->isHidden());
         for (QWindow* shown : QGuiApplication::allWindows())
             QVERIFY(!shown->isVisible());

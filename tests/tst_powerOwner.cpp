@@ -4,27 +4,9 @@
 #include "sandbox.h"
 
 #include <QApplication>
-#include <QMutex>
-#include <QThread>
 #include <QtTest>
 
 namespace {
-
-QMutex messagesLock;
-QStringList onMainThread;
-QStringList onOtherThreads;
-
-void keepMessage(QtMsgType, const QMessageLogContext&, const QString& msg)
-{
-    QMutexLocker locker(&messagesLock);
-    (QThread::currentThread() == qApp->thread() ? onMainThread : onOtherThreads) << msg;
-}
-
-bool logged(const QStringList& messages, const QString& msg)
-{
-    QMutexLocker locker(&messagesLock);
-    return messages.contains(msg);
-}
 
 bool isOpen(const QString& path)
 {
@@ -57,20 +39,19 @@ private slots:
         sandbox::writeFile("/sys/class/gpio/gpio100/value", "");
         sandbox::writeFile("/tmp/mounts", "");
         QVERIFY(sandbox::bindMountTable("/tmp/mounts"));
-        qInstallMessageHandler(keepMessage);
+        sandbox::MessageLog log;
 
         owner.startWatching();
         QTRY_VERIFY(isOpen(sandbox::signalFile));
         QVERIFY(sandbox::setSignalLevel("0"));
-        QTRY_VERIFY(logged(onMainThread, "owner powerLost  power is going, stop the print"));
+        QTRY_VERIFY(log.onMainThread().contains("owner powerLost  power is going, stop the print"));
         QVERIFY(sandbox::setSignalLevel("1"));
-        QTRY_VERIFY(logged(onMainThread, "owner powerBack  power is back"));
+        QTRY_VERIFY(log.onMainThread().contains("owner powerBack  power is back"));
 
         // The watcher itself works on its own thread, and without an edge
         // file it still waits on whatever edge the line has.
-        QVERIFY(logged(onOtherThreads, "shutMyGpio run  receive poweroff signal"));
-        QVERIFY(logged(onOtherThreads, "set edge failed:  File exists"));
-        qInstallMessageHandler(nullptr);
+        QVERIFY(log.onOtherThreads().contains("shutMyGpio run  receive poweroff signal"));
+        QVERIFY(log.onOtherThreads().contains("set edge failed:  File exists"));
     }
 };
 

@@ -5,13 +5,13 @@
 #include "sysfsGpio.h"
 
 #include <QApplication>
-#include <QMutex>
 #include <QThread>
 #include <QtTest>
 
 #include <cerrno>
 #include <csignal>
 #include <functional>
+#include <memory>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -23,29 +23,6 @@ using sandbox::readFile;
 using sandbox::writeFile;
 
 namespace {
-
-QMutex messagesLock;
-QStringList messages;
-
-void keepMessage(QtMsgType, const QMessageLogContext&, const QString& msg)
-{
-    QMutexLocker locker(&messagesLock);
-    messages << msg;
-}
-
-QStringList takeMessages()
-{
-    QMutexLocker locker(&messagesLock);
-    const QStringList taken = messages;
-    messages.clear();
-    return taken;
-}
-
-bool hasMessage(const QString& msg)
-{
-    QMutexLocker locker(&messagesLock);
-    return messages.contains(msg);
-}
 
 QString linePath(unsigned int gpio, const char* file)
 {
@@ -146,6 +123,8 @@ class tst_shutMyGpio : public QObject
     Q_OBJECT
 
 private:
+    // Made once the test run has begun: Qt Test installs its own handler then.
+    std::unique_ptr<sandbox::MessageLog> log;
     shutMyGpio watcher;
     Family family;
     bool member = false;
@@ -157,7 +136,7 @@ private:
     // The messages the member family raises; the free family raises none.
     void compareMessages(const QStringList& expected)
     {
-        QCOMPARE(takeMessages(), member ? expected : QStringList());
+        QCOMPARE(log->take(), member ? expected : QStringList());
     }
 
     void familyRows()
@@ -174,24 +153,24 @@ private:
         family = member ? memberFamily(&watcher) : freeFamily();
     }
 
-    static QStringList handleLevel(shutMyGpio& wakened, int fd, const QByteArray& text)
+    QStringList handleLevel(shutMyGpio& wakened, int fd, const QByteArray& text)
     {
         writeFile("/tmp/value", text);
         wakened.handleWake(fd);
-        return takeMessages();
+        return log->take();
     }
 
 private slots:
     void initTestCase()
     {
         QVERIFY(sandbox::makeSignalLine());
-        qInstallMessageHandler(keepMessage);
+        log.reset(new sandbox::MessageLog);
     }
 
     void init()
     {
         QVERIFY(sandbox::mountGpioTree());
-        takeMessages();
+        log->take();
     }
 
     void exportAndUnexport_data() { familyRows(); }
@@ -249,7 +228,7 @@ private slots:
         QCOMPARE(family.setValue(56, 0), 0);
         QCOMPARE(readFile(linePath(56, "direction")) + readFile(linePath(56, "edge")) + readFile(linePath(56, "value")),
                  QByteArray("infalling0"));
-        takeMessages();
+        log->take();
 
         // Refused before anything is looked at, even on a line not exported.
         for (unsigned int gpio : {55u, 57u}) {
@@ -362,7 +341,7 @@ private slots:
         writeFile(tablePath, mountTable);
         QVERIFY(sandbox::bindMountTable(tablePath));
         QCOMPARE(watcher.do_poweroff_process(), 0);
-        QCOMPARE(takeMessages(), QStringList({"umount  \"/dev/sda1\"  from  \"/media/usb\"",
+        QCOMPARE(log->take(), QStringList({"umount  \"/dev/sda1\"  from  \"/media/usb\"",
                                               "umount  \"/dev/mmcblk0p3\"  from  \"/tmp/mnt/dev/mmcblk0p3\"",
                                               "umount  \"/dev/sdaa3\"  from  \"/media/aa\"",
                                               "umount  \"/dev/sdb12\"  from  \"/media/b\"",
@@ -371,7 +350,7 @@ private slots:
         writeFile(tablePath, "/dev/root / ext4 rw 0 0\n/dev/sda /media/disk vfat rw 0 0\n");
         QCOMPARE(watcher.do_poweroff_process(), 0);
         sandbox::unbindMountTable();
-        QCOMPARE(takeMessages(), QStringList());
+        QCOMPARE(log->take(), QStringList());
     }
 
     void unreadableMountTable()
@@ -389,7 +368,7 @@ private slots:
         QCOMPARE(listed, -EINVAL);
         QVERIFY(list.empty());
         QCOMPARE(prepared, 0);
-        QCOMPARE(takeMessages(), QStringList());
+        QCOMPARE(log->take(), QStringList());
     }
 
     void wakeDecodesTheLevel_data()
@@ -416,7 +395,7 @@ private slots:
         const int fd = open("/tmp/value", O_RDONLY);
         fresh.handleWake(fd);
         close(fd);
-        const QStringList logged = takeMessages();
+        const QStringList logged = log->take();
         QCOMPARE(logged.value(0), "shutMyGpio run val =  \"" + level + "\"");
         QCOMPARE(shutDowns.count(), level == "0" ? 1 : 0);
         QCOMPARE(logged.contains("shutMyGpio run  receive poweroff signal"), level == "0");
@@ -430,7 +409,7 @@ private slots:
         shutMyGpio fresh;
         QSignalSpy pollOns(&fresh, &shutMyGpio::sig_pollOn);
         QStringList logAtShutDown;
-        connect(&fresh, &shutMyGpio::sig_shutDown, [&] { logAtShutDown << takeMessages() << "sig_shutDown"; });
+        connect(&fresh, &shutMyGpio::sig_shutDown, [&] { logAtShutDown << log->take() << "sig_shutDown"; });
         writeFile("/tmp/value", "");
         const int fd = open("/tmp/value", O_RDONLY);
 
@@ -467,7 +446,7 @@ private slots:
         sandbox::OutputCapture stderrText(STDERR_FILENO);
         fresh.handleWake(unreadable);
         QCOMPARE(stderrText.text(), QByteArray("check upper dor error: Is a directory\n"));
-        QCOMPARE(takeMessages(), QStringList());
+        QCOMPARE(log->take(), QStringList());
         QCOMPARE(shutDowns.count(), 1);
         // The power-off is still the state the next level meets.
         handleLevel(fresh, fd, "1\n");
@@ -501,11 +480,11 @@ private slots:
 
         // The value file is missing at first: reported, then tried once a second.
         const QString notWatched = "shutMyGpio run  power signal not watched, retry every second:  No such file or directory";
-        QTRY_VERIFY(hasMessage(notWatched));
+        QTRY_VERIFY(log->texts().contains(notWatched));
         QTest::qWait(1200);
         QVERIFY(QFile::link(sandbox::signalFile, linePath(55, "value")));
-        QTRY_VERIFY(hasMessage("shutMyGpio run  power signal watched"));
-        QCOMPARE(takeMessages(), QStringList({"=======20160408======MyGpio=====run",
+        QTRY_VERIFY(log->texts().contains("shutMyGpio run  power signal watched"));
+        QCOMPARE(log->take(), QStringList({"=======20160408======MyGpio=====run",
                                               "shutMyGpio gpio_set_value  str =  \"/sys/class/gpio/gpio100/value\"",
                                               "shutMyGpio gpio_open /sys/class/gpio /open \"55\"   error", notWatched,
                                               "shutMyGpio run  power signal watched"}));
@@ -521,7 +500,7 @@ private slots:
 
         QVERIFY(sandbox::setSignalLevel("0"));
         QTRY_COMPARE(shutDowns, 1);
-        QCOMPARE(takeMessages(), QStringList({"shutMyGpio run val =  \"0\"", "shutMyGpio run  receive poweroff signal",
+        QCOMPARE(log->take(), QStringList({"shutMyGpio run val =  \"0\"", "shutMyGpio run  receive poweroff signal",
                                               "umount  \"/dev/sdb1\"  from  \"/media/b\""}));
         QVERIFY(sandbox::setSignalLevel("1"));
         QTRY_COMPARE(pollOns, 1);
@@ -535,7 +514,7 @@ private slots:
         // Only once the wait has ended, or the edge would end it instead.
         QTRY_VERIFY(interrupted);
         QVERIFY(sandbox::setSignalLevel("2"));
-        QTRY_VERIFY(hasMessage("shutMyGpio run val =  \"2\""));
+        QTRY_VERIFY(log->texts().contains("shutMyGpio run val =  \"2\""));
         QCOMPARE(pollFailure.text(), QByteArray("poll error: Interrupted system call\n"));
     }
 };

@@ -11,9 +11,9 @@
 #include <climits>
 
 using controller::Controller;
-using controller::MessageLog;
 using controller::Reply;
 using controller::Runner;
+using sandbox::MessageLog;
 using sandbox::OutputCapture;
 
 namespace {
@@ -42,15 +42,15 @@ private slots:
         printer.start();
         MessageLog log;
         shutSerialObject link;
-        QCOMPARE(log.messages(), QStringList() << "D shutSerialObject serialOpen new a serial device"
+        QCOMPARE(log.tagged(), QStringList() << "D shutSerialObject serialOpen new a serial device"
                                                << "D shutSerialObject serialOpen  add new"
                                                << "D shutSerial shutSerial  add new"
                                                << "D shutSerialObject shutSerialObject  add new");
 
         QCOMPARE(link.serialSendCode("G28"), QString("ok 7"));
         QCOMPARE(printer.commands(), QStringList() << "G28" << "M117");
-        QCOMPARE(log.withPrefix("D serial send: "), QStringList() << "D serial send:  \"G28\" ; recv ok 7");
-        QCOMPARE(log.messages().size(), 5);
+        QCOMPARE(log.taggedWithPrefix("D serial send: "), QStringList() << "D serial send:  \"G28\" ; recv ok 7");
+        QCOMPARE(log.tagged().size(), 5);
     }
 
     void aLinkWithoutItsDeviceRetriesTheDeviceAtEveryExchange()
@@ -58,12 +58,12 @@ private slots:
         MessageLog log;
         OutputCapture out(STDOUT_FILENO);
         shutSerialObject link;
-        QVERIFY(log.messages().contains("D Serial open failed."));
+        QVERIFY(log.tagged().contains("D Serial open failed."));
         QCOMPARE(link.serialSendCode("G28"), unparsed);
         QCOMPARE(out.text(), QByteArray("No such file or directory\n"
                                         "read failed:Bad file descriptor\n"
                                         "Bad file descriptor\n"));
-        QVERIFY(log.messages().contains("W G28  send & recv error."));
+        QVERIFY(log.tagged().contains("W G28  send & recv error."));
 
         Controller printer(portPath);
         printer.start();
@@ -98,7 +98,7 @@ private slots:
             for (int poll = 2; poll <= 4; ++poll)
                 QVERIFY2(at[poll] - at[poll - 1] >= 80, qPrintable(QString::number(at[poll] - at[poll - 1])));
         }
-        QCOMPARE(log.withPrefix("D Check buff left:"), QStringList() << "D Check buff left: \"0\""
+        QCOMPARE(log.taggedWithPrefix("D Check buff left:"), QStringList() << "D Check buff left: \"0\""
                                                                      << "D Check buff left: \"0\""
                                                                      << "D Check buff left: \"5\"");
     }
@@ -113,7 +113,7 @@ private slots:
         link.serialSendCode("G1");
         printer.setFreeSlots(16);
         link.serialSendCode("G1");
-        QCOMPARE(log.withPrefix("D Buff left:"), QStringList() << "D Buff left:  \"17\"  ;");
+        QCOMPARE(log.taggedWithPrefix("D Buff left:"), QStringList() << "D Buff left:  \"17\"  ;");
     }
 
     void answersWithoutDigits()
@@ -126,14 +126,14 @@ private slots:
         // To a command: reported, and no query follows.
         printer.queue("busy\r\n");
         QCOMPARE(link.serialSendCode("G1"), unparsed);
-        QCOMPARE(log.withPrefix("D Unknown"), QStringList() << "D Unknown result:  \"busy\"  [bufsizeFlag]:  \"8\"");
+        QCOMPARE(log.taggedWithPrefix("D Unknown"), QStringList() << "D Unknown result:  \"busy\"  [bufsizeFlag]:  \"8\"");
         QCOMPARE(printer.commands(), QStringList() << "G1");
 
         // To the query after a command: the command's count stays.
         printer.queue("ok 20\r\n");
         printer.queue("wait\r\n");
         QCOMPARE(link.serialSendCode("G2"), QString("ok 20"));
-        QVERIFY(log.messages().contains("D Buff left:  \"20\"  ;"));
+        QVERIFY(log.tagged().contains("D Buff left:  \"20\"  ;"));
 
         // To a poll: reported, and the command goes out all the same.
         printer.queue("ok 0\r\n");
@@ -142,7 +142,7 @@ private slots:
         QCOMPARE(link.serialSendCode("G3"), QString("ok 0"));
         QCOMPARE(link.serialSendCode("G4"), QString("ok 7"));
         QCOMPARE(printer.commands().mid(3), QStringList() << "G3" << "M117" << "M117" << "G4" << "M117");
-        QCOMPARE(log.withPrefix("D Unknown").last(), QString("D Unknown result:  \"wait\"  [bufsizeFlag]:  \"0\" \n"));
+        QCOMPARE(log.taggedWithPrefix("D Unknown").last(), QString("D Unknown result:  \"wait\"  [bufsizeFlag]:  \"0\" \n"));
     }
 
     void theCountIsTheFirstNumberOfTheAnswer_data()
@@ -190,8 +190,8 @@ private slots:
         }
         QCOMPARE(answer, unparsed);
         QVERIFY(out.text().endsWith("read failed:Interrupted system call\nInterrupted system call\n"));
-        QVERIFY(log.messages().contains("W G1  send & recv error."));
-        QVERIFY(log.messages().contains("D Unknown result:  \"send failed.\"  [bufsizeFlag]:  \"8\""));
+        QVERIFY(log.tagged().contains("W G1  send & recv error."));
+        QVERIFY(log.tagged().contains("D Unknown result:  \"send failed.\"  [bufsizeFlag]:  \"8\""));
 
         QCOMPARE(link.serialSendCode("G2"), QString("ok 7"));
         // The silent controller notes the command on its own thread, in its own time.
