@@ -1,9 +1,11 @@
 #ifndef SANDBOX_H
 #define SANDBOX_H
 
+#include <QApplication>
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+#include <QtTest>
 
 #include <sys/types.h>
 #include <unistd.h>
@@ -97,29 +99,32 @@ public:
     QStringList taggedWithPrefix(const QString& prefix);
 };
 
+// Enters the sandbox, then runs the test object under a QApplication.
+template <typename TestObject>
+int runTest(int argc, char** argv)
+{
+    if (!enter())
+        return 1;
+    QApplication app(argc, argv);
+    TestObject test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 } // namespace sandbox
 
-#define SANDBOXED_TEST_MAIN(TestObject)                 \
-    int main(int argc, char** argv)                     \
-    {                                                   \
-        if (!sandbox::enter())                          \
-            return 1;                                   \
-        QApplication app(argc, argv);                   \
-        TestObject test;                                \
-        return QTest::qExec(&test, argc, argv);         \
+#define SANDBOXED_TEST_MAIN(TestObject)                     \
+    int main(int argc, char** argv)                         \
+    {                                                       \
+        return sandbox::runTest<TestObject>(argc, argv);    \
     }
 
 // For tests that launch the child: SIGCHLD held before any thread starts,
 // as the daemon's main holds it.
-#define SANDBOXED_LAUNCHER_TEST_MAIN(TestObject)        \
-    int main(int argc, char** argv)                     \
-    {                                                   \
-        holdChildSignal();                              \
-        if (!sandbox::enter())                          \
-            return 1;                                   \
-        QApplication app(argc, argv);                   \
-        TestObject test;                                \
-        return QTest::qExec(&test, argc, argv);         \
+#define SANDBOXED_LAUNCHER_TEST_MAIN(TestObject)            \
+    int main(int argc, char** argv)                         \
+    {                                                       \
+        holdChildSignal();                                  \
+        return sandbox::runTest<TestObject>(argc, argv);    \
     }
 
 #endif // SANDBOX_H
