@@ -47,7 +47,7 @@ void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString&
 int main(int argc, char** argv)
 {
     holdChildSignal();
-    QApplication* app = new QApplication(argc, argv);
+    QApplication app(argc, argv);
     if (!QFile::exists(logDirectory))
         QDir().mkdir(logDirectory);
 
@@ -58,17 +58,16 @@ int main(int argc, char** argv)
     if (opened < 0) {
         qDebug() << logDirectory;
         qDebug() << "main" << "main" << "  open log error: " << strerror(-opened);
-        delete app;
         return -1;
     }
     qInstallMessageHandler(onShowMsg);
 
-    MainWindow* window = new MainWindow;
-    app->exec();
+    MainWindow window;
+    app.exec();
 
+    // The log goes first; the window and then the application follow as
+    // they leave the stack.
     delete logFlag;
     logFlag = nullptr;
-    delete window;
-    delete app;
     return 0;
 }
