@@ -95,7 +95,8 @@ int setCoreLimit()
 {
     struct rlimit limit;
     if (getrlimit(RLIMIT_CORE, &limit) < 0) {
-        qDebug() << "monitor" << "startFork" << " getrlimit RLIMIT_CORE failed: " << strerror(errno);
+        const int err = errno;
+        qDebug() << "monitor" << "startFork" << " getrlimit RLIMIT_CORE failed: " << strerror(err);
         return -1;
     }
     if (limit.rlim_cur == 0) {
@@ -103,7 +104,8 @@ int setCoreLimit()
         limit.rlim_max = RLIM_INFINITY;
     }
     if (setrlimit(RLIMIT_CORE, &limit) < 0) {
-        qDebug() << "monitor" << "startFork" << " setrlimit RLIMIT_CORE failed: " << strerror(errno);
+        const int err = errno;
+        qDebug() << "monitor" << "startFork" << " setrlimit RLIMIT_CORE failed: " << strerror(err);
         return -2;
     }
     return 0;
@@ -113,7 +115,8 @@ int setCoreLimit()
 {
     sigprocmask(SIG_SETMASK, &openMask, nullptr);
     execl(childProgram, childArgument, static_cast<char*>(nullptr));
-    qDebug() << "monitor" << "startFork" << " execl failed: " << strerror(errno);
+    const int err = errno;
+    qDebug() << "monitor" << "startFork" << " execl failed: " << strerror(err);
     // Never fall back into the supervisor's own code as a second supervisor.
     _exit(execFailedStatus);
 }
@@ -121,14 +124,16 @@ int setCoreLimit()
 int watchChild()
 {
     if (!openReportPipe()) {
-        qDebug() << "monitor" << "startFork" << " set SIGCHLD handler failed: " << strerror(errno);
+        const int err = errno;
+        qDebug() << "monitor" << "startFork" << " set SIGCHLD handler failed: " << strerror(err);
         return -1;
     }
     struct sigaction action;
     memset(&action, 0, sizeof action);
     action.sa_handler = sigchld_handler;
     if (sigaction(SIGCHLD, &action, nullptr) < 0) {
-        qDebug() << "monitor" << "startFork" << " set SIGCHLD handler failed: " << strerror(errno);
+        const int err = errno;
+        qDebug() << "monitor" << "startFork" << " set SIGCHLD handler failed: " << strerror(err);
         return -1;
     }
     return 0;
