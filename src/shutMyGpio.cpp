@@ -30,11 +30,34 @@ const char mountTable[] = "/proc/mounts";
 const char logPartition[] = "/dev/mmcblk0p3";
 const char storagePartition[] = "/dev/sd[a-z]+[0-9]+";
 
+const char gpioRoot[] = "/sys/class/gpio";
+
 #if QT_VERSION >= QT_VERSION_CHECK(5, 14, 0)
 const Qt::SplitBehavior skipEmptyFields = Qt::SkipEmptyParts;
 #else
 const QString::SplitBehavior skipEmptyFields = QString::SkipEmptyParts;
 #endif
+
+// The members' failure messages about a line's file: the name of the root,
+// the file and the line, before or at the write.
+void reportFailure(const char* function, bool atWrite, const char* file, unsigned int gpio)
+{
+    QDebug message = qDebug();
+    message << "shutMyGpio" << function;
+    if (atWrite)
+        message << "write";
+    message << gpioRoot << file << QString::number(gpio) << "  error";
+}
+
+void reportLineFailure(const char* function, const char* file, unsigned int gpio)
+{
+    reportFailure(function, false, file, gpio);
+}
+
+void reportWriteFailure(const char* function, const char* file, unsigned int gpio)
+{
+    reportFailure(function, true, file, gpio);
+}
 
 } // namespace
 
@@ -57,10 +80,9 @@ int shutMyGpio::gpio_unexport(unsigned int gpio)
 {
     const Outcome outcome = sysfsGpio::unexportLine(gpio);
     if (outcome.failure == sysfsGpio::openFailed)
-        qDebug() << "shutMyGpio" << "gpio_unexport" << "/sys/class/gpio" << "/unexprot" << QString::number(gpio)
-                 << "  error";
+        reportLineFailure("gpio_unexport", "/unexprot", gpio);
     else if (outcome.failure == sysfsGpio::transferFailed)
-        qDebug() << "shutMyGpio" << "gpio_unexport" << "write unexprot " << "/sys/class/gpio" << "/exprot"
+        qDebug() << "shutMyGpio" << "gpio_unexport" << "write unexprot " << gpioRoot << "/exprot"
                  << QString::number(gpio) << "  error";
     return outcome.result;
 }
@@ -69,14 +91,11 @@ int shutMyGpio::gpio_set_direction(unsigned int gpio, const std::string& dir)
 {
     const Outcome outcome = sysfsGpio::setDirection(gpio, dir);
     if (outcome.failure == sysfsGpio::fileMissing)
-        qDebug() << "shutMyGpio" << "gpio_set_direction" << "/sys/class/gpio" << "/direction"
-                 << QString::number(gpio) << "  error";
+        reportLineFailure("gpio_set_direction", "/direction", gpio);
     else if (outcome.failure == sysfsGpio::openFailed)
-        qDebug() << "shutMyGpio" << "gpio_set_direction" << "/sys/class/gpio" << "/direciton"
-                 << QString::number(gpio) << "  error";
+        reportLineFailure("gpio_set_direction", "/direciton", gpio);
     else if (outcome.failure == sysfsGpio::transferFailed)
-        qDebug() << "shutMyGpio" << "gpio_set_direction" << "write" << "/sys/class/gpio" << "/direction"
-                 << QString::number(gpio) << "  error";
+        reportWriteFailure("gpio_set_direction", "/direction", gpio);
     return outcome.result;
 }
 
@@ -86,15 +105,13 @@ int shutMyGpio::gpio_set_value(unsigned int gpio, unsigned int value)
     if (outcome.failure == sysfsGpio::argumentRefused)
         return outcome.result;
     if (outcome.failure == sysfsGpio::fileMissing) {
-        qDebug() << "shutMyGpio" << "gpio_set_value" << "/sys/class/gpio" << "/value" << QString::number(gpio)
-                 << "  error";
+        reportLineFailure("gpio_set_value", "/value", gpio);
         return outcome.result;
     }
     qDebug() << "shutMyGpio" << "gpio_set_value" << " str = "
              << QString::fromUtf8(sysfsGpio::valuePath(gpio).c_str());
     if (outcome.failure == sysfsGpio::transferFailed)
-        qDebug() << "shutMyGpio" << "gpio_set_value" << "write" << "/sys/class/gpio" << "/value"
-                 << QString::number(gpio) << "  error";
+        reportWriteFailure("gpio_set_value", "/value", gpio);
     return outcome.result;
 }
 
@@ -102,8 +119,7 @@ int shutMyGpio::gpio_get_value(unsigned int gpio, unsigned int* value)
 {
     const Outcome outcome = sysfsGpio::getValue(gpio, value);
     if (outcome.failure == sysfsGpio::fileMissing)
-        qDebug() << "shutMyGpio" << "gpio_get_value" << "/sys/class/gpio" << "/value" << QString::number(gpio)
-                 << "  error";
+        reportLineFailure("gpio_get_value", "/value", gpio);
     return outcome.result;
 }
 
@@ -111,11 +127,9 @@ int shutMyGpio::gpio_set_edge(unsigned int gpio, const std::string& edge)
 {
     const Outcome outcome = sysfsGpio::setEdge(gpio, edge);
     if (outcome.failure == sysfsGpio::fileMissing)
-        qDebug() << "shutMyGpio" << "gpio_set_edge" << "/sys/class/gpio" << "/edge" << QString::number(gpio)
-                 << "  error";
+        reportLineFailure("gpio_set_edge", "/edge", gpio);
     else if (outcome.failure == sysfsGpio::transferFailed)
-        qDebug() << "shutMyGpio" << "gpio_set_edge" << "write" << "/sys/class/gpio" << "/edge"
-                 << QString::number(gpio) << "  error";
+        reportWriteFailure("gpio_set_edge", "/edge", gpio);
     return outcome.result;
 }
 
@@ -123,8 +137,7 @@ int shutMyGpio::gpio_open(unsigned int gpio)
 {
     const int fd = ::gpio_open(gpio);
     if (fd < 0)
-        qDebug() << "shutMyGpio" << "gpio_open" << "/sys/class/gpio" << "/open" << QString::number(gpio)
-                 << "  error";
+        reportLineFailure("gpio_open", "/open", gpio);
     return fd;
 }
 
