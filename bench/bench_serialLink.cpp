@@ -8,6 +8,7 @@
 // The link and the floor take turns in rounds, so both see the same machine.
 // Runs as root: it binds the pseudo-terminal at /dev/ttyO1 inside a private
 // mount namespace of its own, over a private /dev and /tmp.
+#include "privateTree.h"
 #include "shutLog.h"
 #include "shutSerialObject.h"
 
@@ -23,8 +24,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,26 +79,12 @@ void respond(int master)
 // and the slave of a new one at the port's fixed path.
 bool placePort(int& master)
 {
-    if (unshare(CLONE_NEWNS) < 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0)
-        return failed("private mount namespace");
-    if (mount("bench", "/tmp", "tmpfs", 0, "mode=1777") < 0)
-        return failed("tmpfs over /tmp");
-    mkdir("/tmp/host-pts", 0755);
-    if (mount("/dev/pts", "/tmp/host-pts", nullptr, MS_BIND, nullptr) < 0)
-        return failed("bind /dev/pts");
-    if (mount("bench", "/dev", "tmpfs", 0, "mode=755") < 0)
-        return failed("tmpfs over /dev");
-    mkdir("/dev/pts", 0755);
-    if (mount("/tmp/host-pts", "/dev/pts", nullptr, MS_BIND, nullptr) < 0 || symlink("pts/ptmx", "/dev/ptmx") < 0)
-        return failed("pseudo-terminals in the private /dev");
+    if (!privateTree::enter() || !privateTree::privateDev())
+        return false;
     master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master < 0 || grantpt(master) < 0 || unlockpt(master) < 0)
         return failed("pseudo-terminal");
-    const int placeholder = open(portPath, O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-    close(placeholder);
-    if (mount(ptsname(master), portPath, nullptr, MS_BIND, nullptr) < 0)
-        return failed("bind the slave at /dev/ttyO1");
-    return true;
+    return privateTree::bindFile(ptsname(master), portPath);
 }
 
 double microseconds(std::chrono::steady_clock::duration elapsed)

@@ -1,5 +1,7 @@
 #include "driver.h"
 
+#include "privateTree.h"
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -12,9 +14,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -45,11 +45,6 @@ bool fail(const char* what)
     return false;
 }
 
-bool mountTmpfs(const char* where, const char* options)
-{
-    return mount("bench", where, "tmpfs", 0, options) == 0 || fail(where);
-}
-
 bool installChild(const char* standInChild)
 {
     std::error_code error;
@@ -67,11 +62,7 @@ bool installChild(const char* standInChild)
 
 bool enterPrivateTree(const char* standInChild)
 {
-    if (unshare(CLONE_NEWNS) < 0)
-        return fail("cannot make a private mount namespace (run as root)");
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0)
-        return fail("cannot make the mounts private");
-    if (!mountTmpfs("/tmp", "mode=1777") || !mountTmpfs("/opt", "mode=755"))
+    if (!privateTree::enter())
         return false;
     // A killed daemon's child is handed to us rather than to init, so that
     // every run can end what it started.

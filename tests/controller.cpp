@@ -1,4 +1,6 @@
 #include "controller.h"
+
+#include "privateTree.h"
 #include "sandbox.h"
 
 #include <QElapsedTimer>
@@ -15,7 +17,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -23,38 +24,12 @@ namespace controller {
 
 namespace {
 
-const char hostDev[] = "/tmp/host-dev";
 const char statusQuery[] = "M117";
 
 bool failed(const char* what, const char* path)
 {
     fprintf(stderr, "controller: %s %s: %s\n", what, path, strerror(errno));
     return false;
-}
-
-// A mount point for a device: an empty file in the private /dev, with the
-// device bound over it.
-bool bindFile(const char* device, const char* path)
-{
-    const int made = ::open(path, O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-    if (made < 0)
-        return failed("cannot create", path);
-    ::close(made);
-    if (mount(device, path, nullptr, MS_BIND, nullptr) < 0)
-        return failed("cannot bind over", path);
-    return true;
-}
-
-bool bindBack(const char* name, bool directory)
-{
-    const QByteArray from = QByteArray(hostDev) + "/" + name;
-    const QByteArray to = QByteArray("/dev/") + name;
-    if (!directory)
-        return bindFile(from.constData(), to.constData());
-    mkdir(to.constData(), 0755);
-    if (mount(from.constData(), to.constData(), nullptr, MS_BIND | MS_REC, nullptr) < 0)
-        return failed("cannot bind over", to.constData());
-    return true;
 }
 
 QElapsedTimer& sinceStart()
@@ -69,26 +44,6 @@ void onSignal(int) {}
 
 } // namespace
 
-bool privateDev()
-{
-    mkdir(hostDev, 0755);
-    if (mount("/dev", hostDev, nullptr, MS_BIND | MS_REC, nullptr) < 0)
-        return failed("cannot bind", "/dev");
-    if (mount("sandbox", "/dev", "tmpfs", 0, "mode=755") < 0)
-        return failed("cannot mount a tmpfs at", "/dev");
-    for (const char* node : {"null", "zero", "full", "random", "urandom", "tty"}) {
-        if (!bindBack(node, false))
-            return false;
-    }
-    if (!bindBack("pts", true) || !bindBack("shm", true))
-        return false;
-    // The kernel finds the pseudo-terminals of a ptmx node in the "pts" beside
-    // it, which a bound node does not have: use the one inside pts instead.
-    if (symlink("pts/ptmx", "/dev/ptmx") < 0)
-        return failed("cannot link", "/dev/ptmx");
-    return true;
-}
-
 Controller::Controller(const char* bindPath)
     : master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
     , stopPipe{-1, -1}
@@ -98,7 +53,7 @@ Controller::Controller(const char* bindPath)
         return;
     }
     slavePath = ptsname(master);
-    if (bindPath && bindFile(slavePath.constData(), bindPath))
+    if (bindPath && privateTree::bindFile(slavePath.constData(), bindPath))
         boundAt = bindPath;
     if (pipe2(stopPipe, O_CLOEXEC) < 0)
         failed("cannot make a pipe", "");

@@ -18,11 +18,6 @@
 // around it. Used inside the test sandbox only.
 namespace controller {
 
-// Puts a private tmpfs over /dev with the host's null, zero, random, tty,
-// pts and shm bound back, so that a fixed device path such as /dev/ttyO1
-// can be made without touching the host's /dev. Once per process.
-bool privateDev();
-
 // One answer to one command: the chunks are written one after another,
 // each after pauseMs. A reply without chunks leaves the command unanswered.
 struct Reply {

@@ -1,5 +1,7 @@
 #include "sandbox.h"
 
+#include "privateTree.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -26,32 +28,11 @@ const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
 const char livePath[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles/shutDown.log";
 const char childProgram[] = "/opt/project/Tolven-ii";
 
-namespace {
-
-bool mountTmpfs(const char* where, const char* options)
-{
-    if (mount("sandbox", where, "tmpfs", 0, options) == 0)
-        return true;
-    fprintf(stderr, "sandbox: cannot mount a tmpfs at %s: %s\n", where, strerror(errno));
-    return false;
-}
-
-} // namespace
+using privateTree::mountTmpfs;
 
 bool enter()
 {
-    if (unshare(CLONE_NEWNS) < 0) {
-        fprintf(stderr, "sandbox: cannot make a private mount namespace: %s (run the tests as root)\n",
-                strerror(errno));
-        return false;
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) {
-        fprintf(stderr, "sandbox: cannot make the mounts private: %s\n", strerror(errno));
-        return false;
-    }
-    if (!mountTmpfs("/tmp", "mode=1777") || !mountTmpfs("/opt", "mode=755"))
-        return false;
-    return QDir().mkpath(cardDir) && QDir().mkpath(QFileInfo(childProgram).path());
+    return privateTree::enter() && QDir().mkpath(cardDir) && QDir().mkpath(QFileInfo(childProgram).path());
 }
 
 void installChild(const QByteArray& script)

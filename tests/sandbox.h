@@ -15,8 +15,9 @@
 // ever touched. Entered first thing in main, before any thread exists.
 namespace sandbox {
 
-// Fails, with the reason on standard error, when the process may not make
-// a mount namespace (run the tests as root).
+// The private tree, with the card's directory and the child program's
+// folder made in it; false, with the reason on standard error, when the
+// process may not make a mount namespace (run the tests as root).
 bool enter();
 
 extern const char cardDir[];      // the SD-card partition the daemon works in

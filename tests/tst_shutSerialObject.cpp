@@ -1,6 +1,7 @@
 // The command link on /dev/ttyO1, which the test binds to the slave of a
 // pseudo-terminal whose master a simulated controller drives.
 #include "controller.h"
+#include "privateTree.h"
 #include "sandbox.h"
 #include "shutSerialObject.h"
 
@@ -34,7 +35,7 @@ class tst_shutSerialObject : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { QVERIFY(controller::privateDev()); }
+    void initTestCase() { QVERIFY(privateTree::privateDev()); }
 
     void theFirstCommandGoesOutAtOnceAndOnlyCommandsAreTraced()
     {
