@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mount.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace controller {
@@ -230,21 +229,15 @@ bool Runner::interruptRead()
     action.sa_handler = onSignal;
     sigaction(SIGCHLD, &action, nullptr);
 
-    const QByteArray inRead = QByteArray::number(SYS_read);
-    // Under emulation /proc shows the host's call, learnt once.
-    static QByteArray shownRead;
+    const auto waitInRead = [](int fd) {
+        char byte;
+        if (read(fd, &byte, 1) < 0) {
+        }
+    };
     QElapsedTimer waited;
     waited.start();
     while (!done && waited.elapsed() < 10000) {
-        const QByteArray call = tid ? sandbox::callOf(tid) : QByteArray();
-        if (!call.isEmpty() && call != "running" && call != inRead && shownRead.isEmpty()) {
-            shownRead = sandbox::sleepingCall([](int fd) {
-                char byte;
-                if (read(fd, &byte, 1) < 0) {
-                }
-            });
-        }
-        if (!call.isEmpty() && (call == inRead || call == shownRead))
+        if (tid && sandbox::sleepsLike(tid, waitInRead))
             return pthread_kill(thread.native_handle(), SIGCHLD) == 0;
         QThread::msleep(1);
     }

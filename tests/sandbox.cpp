@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <thread>
 
 #include <fcntl.h>
@@ -29,6 +30,44 @@ const char livePath[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles/shutDown.lo
 const char childProgram[] = "/opt/project/Tolven-ii";
 
 using privateTree::mountTmpfs;
+
+namespace {
+
+// The first field of /proc/self/task/<tid>/syscall: the call the thread
+// sleeps in, by number, or "running".
+QByteArray callOf(pid_t tid)
+{
+    return readFile(QString("/proc/self/task/%1/syscall").arg(tid)).split(' ').value(0);
+}
+
+// What callOf shows for a thread of our own asleep in the wait.
+QByteArray sleepingCall(void (*wait)(int fd))
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return QByteArray();
+    std::atomic<pid_t> tid(0);
+    std::thread sleeper([&] {
+        tid = gettid();
+        wait(ends[0]);
+    });
+    // The same call twice, 50 ms apart: asleep in it, not on the way in.
+    QByteArray shown;
+    QByteArray last;
+    for (int i = 0; i < 100 && shown.isEmpty(); ++i) {
+        usleep(50000);
+        const QByteArray call = tid ? callOf(tid) : QByteArray();
+        if (!call.isEmpty() && call != "running" && call == last)
+            shown = call;
+        last = call;
+    }
+    close(ends[1]); // ends the sleeper's wait
+    sleeper.join();
+    close(ends[0]);
+    return shown;
+}
+
+} // namespace
 
 bool enter()
 {
@@ -127,35 +166,13 @@ bool setSignalLevel(const QByteArray& text)
     return sethostname(text.constData(), text.size()) == 0;
 }
 
-QByteArray callOf(pid_t tid)
+bool sleepsLike(pid_t tid, void (*wait)(int fd))
 {
-    return readFile(QString("/proc/self/task/%1/syscall").arg(tid)).split(' ').value(0);
-}
-
-QByteArray sleepingCall(void (*wait)(int fd))
-{
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) < 0)
-        return QByteArray();
-    std::atomic<pid_t> tid(0);
-    std::thread sleeper([&] {
-        tid = gettid();
-        wait(ends[0]);
-    });
-    // The same call twice, 50 ms apart: asleep in it, not on the way in.
-    QByteArray shown;
-    QByteArray last;
-    for (int i = 0; i < 100 && shown.isEmpty(); ++i) {
-        usleep(50000);
-        const QByteArray call = tid ? callOf(tid) : QByteArray();
-        if (!call.isEmpty() && call != "running" && call == last)
-            shown = call;
-        last = call;
-    }
-    close(ends[1]); // ends the sleeper's wait
-    sleeper.join();
-    close(ends[0]);
-    return shown;
+    static std::map<void (*)(int), QByteArray> learnt;
+    QByteArray& shown = learnt[wait];
+    if (shown.isEmpty())
+        shown = sleepingCall(wait);
+    return !shown.isEmpty() && callOf(tid) == shown;
 }
 
 OutputCapture::OutputCapture(int streamFd)

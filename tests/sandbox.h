@@ -56,13 +56,11 @@ extern const char signalFile[];
 bool makeSignalLine();
 bool setSignalLevel(const QByteArray& text);
 
-// The first field of /proc/self/task/<tid>/syscall: the call the thread
-// sleeps in, by number, or "running".
-QByteArray callOf(pid_t tid);
-// The number callOf shows for a thread asleep in the given wait on the read
-// end of an empty pipe, learnt from a thread of the caller's own. Under
-// user-mode emulation that is the host's number, not this program's SYS_ one.
-QByteArray sleepingCall(void (*wait)(int fd));
+// Whether the thread sleeps in the call that the given wait on the read end
+// of an empty pipe sleeps in. The call is learnt once per wait from a thread
+// of the caller's own, as /proc shows it: under user-mode emulation that is
+// the host's number, not this program's.
+bool sleepsLike(pid_t tid, void (*wait)(int fd));
 
 // Everything written to one of the standard streams (STDOUT_FILENO or
 // STDERR_FILENO) while it lives; text() may be read at any time.

@@ -16,7 +16,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 using sandbox::readFile;
@@ -101,19 +100,10 @@ volatile sig_atomic_t interrupted = 0;
 // Whether the thread sleeps in the wait for an edge.
 bool waitsInPoll(pid_t tid)
 {
-    const QByteArray call = sandbox::callOf(tid);
-#ifdef SYS_poll
-    if (call == QByteArray::number(SYS_poll))
-        return true;
-#endif
-    if (call == QByteArray::number(SYS_ppoll))
-        return true;
-    // Under emulation /proc shows the host's call.
-    static const QByteArray shown = sandbox::sleepingCall([](int fd) {
+    return sandbox::sleepsLike(tid, [](int fd) {
         pollfd wait = {fd, POLLIN, 0};
         poll(&wait, 1, -1);
     });
-    return !call.isEmpty() && call == shown;
 }
 
 } // namespace
