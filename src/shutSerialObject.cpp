@@ -25,12 +25,6 @@ const useconds_t pollIntervalUs = 80000;
 // Free-slot counts above this are worth a line in the log.
 const int reportSlotsAbove = 16;
 
-std::string utf8(const QString& text)
-{
-    const QByteArray bytes = text.toUtf8();
-    return std::string(bytes.constData(), static_cast<size_t>(bytes.size()));
-}
-
 } // namespace
 
 shutSerialObject::shutSerialObject()
@@ -84,7 +78,7 @@ QString shutSerialObject::serialCheckCode(QString code)
     QMutexLocker exchange(&mutex);
     std::string answer;
     try {
-        answer = serialSendBase(utf8(code));
+        answer = serialSendBase(code.toStdString());
     } catch (...) {
         // Whatever went wrong, the caller gets an empty answer and the
         // mutex is released.
@@ -117,7 +111,7 @@ void shutSerialObject::statusCheck()
     for (;;) {
         usleep(pollIntervalUs);
         answer = serialCheckCode(QLatin1String(statusQuery));
-        if (parseResult(utf8(answer), bufsizeFlag) < 0)
+        if (parseResult(answer.toStdString(), bufsizeFlag) < 0)
             break;
         if (outputControl.isSerialObjOutPut())
             qDebug() << "Check buff left:" << QString::number(bufsizeFlag);
@@ -133,12 +127,12 @@ QString shutSerialObject::serialSendCode(QString code)
     if (bufsizeFlag == 0)
         statusCheck();
     const QString answer = serialCheckCode(code);
-    if (parseResult(utf8(answer), bufsizeFlag) < 0) {
+    if (parseResult(answer.toStdString(), bufsizeFlag) < 0) {
         qDebug() << "Unknown result: " << answer << " [bufsizeFlag]: " << QString::number(bufsizeFlag);
         return QLatin1String(unparsedAnswer);
     }
     // A query answer without digits leaves the command's count in place.
-    parseResult(utf8(serialCheckCode(QLatin1String(statusQuery))), bufsizeFlag);
+    parseResult(serialCheckCode(QLatin1String(statusQuery)).toStdString(), bufsizeFlag);
     if (bufsizeFlag > reportSlotsAbove)
         qDebug() << "Buff left: " << QString::number(bufsizeFlag) << " ;";
     return answer;
