@@ -166,7 +166,7 @@ int shutSerial::recv(std::string& line)
             lookInBuffer = false;
         } else {
             silentReads = 0;
-            errorText = strerror(errno);
+            fail();
             std::cout << "read failed:" << errorText << std::endl;
             return -1;
         }
