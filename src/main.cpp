@@ -9,10 +9,7 @@
 #include <QDir>
 #include <QFile>
 
-#include <cstdio>
 #include <cstring>
-
-shutLog* logFlag = nullptr;
 
 namespace {
 
@@ -21,28 +18,7 @@ const char logFileName[] = "shutDown.log";
 const int logMaxSize = 102400;
 const int logOlderFiles = 6;
 
-// Set while this thread is inside the handler: a message the handler raises
-// about itself must not come back into it.
-thread_local bool inHandler = false;
-
 } // namespace
-
-void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString& msg)
-{
-    if (inHandler) {
-        fprintf(stderr, "%s\n", msg.toLocal8Bit().constData());
-        return;
-    }
-    inHandler = true;
-    if (!logFlag) {
-        qDebug() << "main" << "onShowMsg" << "  log not open: ";
-    } else {
-        const int saved = logFlag->saveLog(type, context, msg);
-        if (saved < 0)
-            qDebug() << "main" << "onShowMsg" << "  write log error: " << strerror(-saved);
-    }
-    inHandler = false;
-}
 
 int main(int argc, char** argv)
 {

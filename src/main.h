@@ -6,6 +6,9 @@
 
 class shutLog;
 
+// Both live in the supervisor library (messageHandler.cpp), not beside main:
+// an owner's program that links the library routes its messages the same way.
+
 // The process's one log; null before start-up and after shut-down.
 extern shutLog* logFlag;
 

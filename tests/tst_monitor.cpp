@@ -1,4 +1,5 @@
 // The child launcher inside a process that logs hard while its child ends.
+#include "main.h"
 #include "monitor.h"
 #include "sandbox.h"
 #include "shutLog.h"
@@ -13,13 +14,6 @@
 #include <thread>
 
 namespace {
-
-shutLog* burstLog = nullptr;
-
-void toBurstLog(QtMsgType type, const QMessageLogContext& context, const QString& msg)
-{
-    burstLog->saveLog(type, context, msg);
-}
 
 // A thread that spins until it goes out of scope; it notes the signal mask it
 // was started with.
@@ -59,8 +53,8 @@ private slots:
     {
         sandbox::resetCard();
         sandbox::installChild("#!/bin/sh\nexit 0\n");
-        burstLog = new shutLog(sandbox::logDir, "shutDown.log", 1024 * 1024 * 1024, 6);
-        qInstallMessageHandler(toBurstLog);
+        logFlag = new shutLog(sandbox::logDir, "shutDown.log", 1024 * 1024 * 1024, 6);
+        qInstallMessageHandler(onShowMsg);
         const int rounds = 20;
         {
             BusyThread busy;
@@ -71,7 +65,8 @@ private slots:
             QVERIFY(sigismember(&busy.mask, SIGCHLD));
         }
         qInstallMessageHandler(nullptr);
-        delete burstLog;
+        delete logFlag;
+        logFlag = nullptr;
         QCOMPARE(sandbox::logLines().size(), 3 * rounds);
     }
 
@@ -79,8 +74,8 @@ private slots:
     {
         sandbox::resetCard();
         sandbox::installChild("#!/bin/sh\nwhile [ ! -e /tmp/go ]; do sleep 0.001; done\nexit 4\n");
-        burstLog = new shutLog(sandbox::logDir, "shutDown.log", 1024 * 1024 * 1024, 6);
-        qInstallMessageHandler(toBurstLog);
+        logFlag = new shutLog(sandbox::logDir, "shutDown.log", 1024 * 1024 * 1024, 6);
+        qInstallMessageHandler(onShowMsg);
 
         QCOMPARE(startFork(), 0);
         const pid_t child = g_pid;
@@ -97,7 +92,8 @@ private slots:
         }
         QTRY_VERIFY(sandbox::readFile(sandbox::livePath).contains("child exited normally"));
         qInstallMessageHandler(nullptr);
-        delete burstLog;
+        delete logFlag;
+        logFlag = nullptr;
 
         const QStringList lines = sandbox::logLines();
         QCOMPARE(lines.size(), 1 + sent + 2);

@@ -1,0 +1,38 @@
+// The process's message routing, kept in the library beside the log so that
+// an owner's program, and the tests, send their messages through the very
+// handler the daemon installs.
+#include "main.h"
+
+#include "shutLog.h"
+
+#include <QDebug>
+
+#include <cstdio>
+#include <cstring>
+
+shutLog* logFlag = nullptr;
+
+namespace {
+
+// Set while this thread is inside the handler: a message the handler raises
+// about itself must not come back into it.
+thread_local bool inHandler = false;
+
+} // namespace
+
+void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString& msg)
+{
+    if (inHandler) {
+        fprintf(stderr, "%s\n", msg.toLocal8Bit().constData());
+        return;
+    }
+    inHandler = true;
+    if (!logFlag) {
+        qDebug() << "main" << "onShowMsg" << "  log not open: ";
+    } else {
+        const int saved = logFlag->saveLog(type, context, msg);
+        if (saved < 0)
+            qDebug() << "main" << "onShowMsg" << "  write log error: " << strerror(-saved);
+    }
+    inHandler = false;
+}
