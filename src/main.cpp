@@ -8,6 +8,7 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QLoggingCategory>
 
 #include <cstring>
 
@@ -18,11 +19,27 @@ const char logFileName[] = "shutDown.log";
 const int logMaxSize = 102400;
 const int logOlderFiles = 6;
 
+QLoggingCategory::CategoryFilter qtFilter = nullptr;
+
+// The daemon reads no configuration, so neither Qt's logging rules from the
+// environment nor a qtlogging.ini may silence its own messages, which all go
+// through the default category. Qt's own categories follow the rules as usual.
+void keepOwnMessages(QLoggingCategory* category)
+{
+    qtFilter(category);
+    if (qstrcmp(category->categoryName(), "default") == 0) {
+        category->setEnabled(QtDebugMsg, true);
+        category->setEnabled(QtWarningMsg, true);
+        category->setEnabled(QtCriticalMsg, true);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     holdChildSignal();
+    qtFilter = QLoggingCategory::installFilter(keepOwnMessages);
     QApplication app(argc, argv);
     if (!QFile::exists(logDirectory))
         QDir().mkdir(logDirectory);

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <mutex>
+
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace {
@@ -16,6 +18,26 @@ namespace {
 // Older file names are formed in buffers of this size, so a name longer than
 // 255 bytes is cut there.
 const size_t nameBufferSize = 256;
+
+// A record buffer that grew past this for one huge message is given back
+// rather than kept for the rest of the process's life.
+const size_t keptRecordCapacity = 16 * 1024;
+
+// One lock for every log of the process (there is one), recursive because
+// saveLog calls the other operations. A thread that forks while another is
+// inside a record would leave the child a lock held for ever: the fork takes
+// it first and both sides give it back.
+std::recursive_mutex logLock;
+
+void lockForFork()
+{
+    logLock.lock();
+}
+
+void unlockAfterFork()
+{
+    logLock.unlock();
+}
 
 const char* levelTag(QtMsgType type)
 {
@@ -75,7 +97,10 @@ shutLog::shutLog(const char* dir, const char* name, int maxSize, int maxFiles)
     , maxFiles(maxFiles)
     , fd(-1)
     , logPath(logDir + "/" + logName)
+    , nameCheckedAt(0)
 {
+    static const int forkHandled = pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork);
+    Q_UNUSED(forkHandled);
 }
 
 shutLog::~shutLog()
@@ -85,6 +110,7 @@ shutLog::~shutLog()
 
 int shutLog::openLog()
 {
+    const std::lock_guard<std::recursive_mutex> held(logLock);
     if (fd >= 0)
         return 0;
     fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
@@ -98,6 +124,7 @@ int shutLog::openLog()
 
 int shutLog::closeLog()
 {
+    const std::lock_guard<std::recursive_mutex> held(logLock);
     if (fd >= 0) {
         close(fd);
         fd = -1;
@@ -105,16 +132,43 @@ int shutLog::closeLog()
     return 0;
 }
 
-int shutLog::getFileSize()
+int shutLog::statOpenFile(struct stat& st)
 {
-    if (fd < 0)
-        return 0;
-    struct stat st;
     if (fstat(fd, &st) < 0) {
         const int err = errno;
         fprintf(stderr, "get file size failed: %s\n", strerror(err));
         return -err;
     }
+    return 0;
+}
+
+// Whether the open file is still the live file. Deleted (an operator
+// clearing the logs), it has no name left, which the fstat of every record
+// shows. Renamed (a log collector moving it), only the name tells; it is
+// looked up at most once a second, which costs nothing per record, and the
+// records of that second stay with the moved file.
+bool shutLog::stillLive(const struct stat& st)
+{
+    if (st.st_nlink == 0)
+        return false;
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    if (now.tv_sec == nameCheckedAt)
+        return true;
+    nameCheckedAt = now.tv_sec;
+    struct stat named;
+    return stat(logPath.c_str(), &named) == 0 && named.st_dev == st.st_dev && named.st_ino == st.st_ino;
+}
+
+int shutLog::getFileSize()
+{
+    const std::lock_guard<std::recursive_mutex> held(logLock);
+    if (fd < 0)
+        return 0;
+    struct stat st;
+    const int got = statOpenFile(st);
+    if (got < 0)
+        return got;
     // A file past what an int holds is over any limit; say so rather than
     // wrap into a negative size that reads as a failure.
     if (st.st_size > INT_MAX)
@@ -124,6 +178,7 @@ int shutLog::getFileSize()
 
 int shutLog::shiftFiles()
 {
+    const std::lock_guard<std::recursive_mutex> held(logLock);
     char from[nameBufferSize];
     char to[nameBufferSize];
     for (int k = maxFiles; k >= 1; --k) {
@@ -158,17 +213,28 @@ int shutLog::shiftFiles()
 int shutLog::saveLog(QtMsgType type, const QMessageLogContext& context, const QString& msg)
 {
     Q_UNUSED(context);
+    const std::lock_guard<std::recursive_mutex> held(logLock);
     if (fd < 0) {
         const int opened = openLog();
         if (opened < 0)
             return opened;
     }
-    const int size = getFileSize();
-    if (size < 0)
-        return size;
+    struct stat st;
+    int got = statOpenFile(st);
+    if (got < 0)
+        return got;
+    if (!stillLive(st)) {
+        closeLog();
+        const int opened = openLog();
+        if (opened < 0)
+            return opened;
+        got = statOpenFile(st);
+        if (got < 0)
+            return got;
+    }
     // Rotate before the record that finds the file full, so the live file
     // passes the limit by one record at most.
-    if (size >= maxSize) {
+    if (st.st_size >= maxSize) {
         closeLog();
         const int shifted = shiftFiles();
         if (shifted < 0) {
@@ -187,8 +253,11 @@ int shutLog::saveLog(QtMsgType type, const QMessageLogContext& context, const QS
     record.append(text.constData(), static_cast<size_t>(text.size()));
     record += '\n';
 
-    if (write(fd, record.data(), record.size()) < 0) {
-        const int err = errno;
+    const ssize_t written = write(fd, record.data(), record.size());
+    const int err = errno;
+    if (record.capacity() > keptRecordCapacity)
+        std::string().swap(record);
+    if (written < 0) {
         fprintf(stderr, "write to log failed: %s\n", strerror(err));
         return -err;
     }

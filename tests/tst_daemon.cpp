@@ -75,9 +75,11 @@ private:
     QProcess daemon;
 
     // With a core-file limit given, the daemon starts under it.
-    void start(const QByteArray& coreLimit = QByteArray())
+    void start(const QByteArray& coreLimit = QByteArray(), const QStringList& settings = QStringList())
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const QString& setting : settings)
+            env.insert(setting.section('=', 0, 0), setting.section('=', 1));
         QDir().mkpath("/tmp/runtime");
         QFile::setPermissions("/tmp/runtime", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         env.insert("XDG_RUNTIME_DIR", "/tmp/runtime");
@@ -312,6 +314,54 @@ private slots:
         QCOMPARE(kill(pid_t(pid), SIGKILL), 0);
         expectEnd({childReport(pid, 9, pid),
                    "monitor sigchld_handler  child terminated due to receipt of signal :  " + quoted(9)});
+    }
+
+    // Neither Qt's logging rules nor the live file taken away behind the
+    // daemon keep the child's end out of the live file.
+    void theChildsEndReachesTheLiveFile_data()
+    {
+        QTest::addColumn<QStringList>("settings");
+        QTest::addColumn<QByteArray>("rulesFile");
+        QTest::addColumn<QString>("movedTo");
+        QTest::addColumn<int>("earlierLines");
+        const QByteArray silent = "[Rules]\n*=false\n";
+        const QString moved = QString(sandbox::logDir) + "/collected.log";
+        QTest::newRow("rules in the environment")
+            << QStringList("QT_LOGGING_RULES=*.debug=false;*.warning=false;*.critical=false") << QByteArray() << QString() << 7;
+        QTest::newRow("rules in the user's qtlogging.ini")
+            << QStringList("XDG_CONFIG_HOME=/tmp/config") << silent << QString() << 7;
+        QTest::newRow("rules in QT_LOGGING_CONF")
+            << QStringList("QT_LOGGING_CONF=/tmp/config/QtProject/qtlogging.ini") << silent << QString() << 7;
+        QTest::newRow("live file deleted") << QStringList() << QByteArray() << QString("deleted") << 0;
+        QTest::newRow("live file renamed") << QStringList() << QByteArray() << moved << 0;
+    }
+    void theChildsEndReachesTheLiveFile()
+    {
+        QFETCH(QStringList, settings);
+        QFETCH(QByteArray, rulesFile);
+        QFETCH(QString, movedTo);
+        QFETCH(int, earlierLines);
+        QDir("/tmp/config").removeRecursively();
+        if (!rulesFile.isEmpty()) {
+            QDir().mkpath("/tmp/config/QtProject");
+            writeFile("/tmp/config/QtProject/qtlogging.ini", rulesFile);
+        }
+        sandbox::installChild("#!/bin/sh\n" + waitForGo() + "exit 0\n");
+        start(QByteArray(), settings);
+        QTRY_VERIFY_WITH_TIMEOUT(childPid() > 0, settleMs);
+        const qint64 pid = childPid();
+        if (movedTo == "deleted") {
+            QVERIFY(QFile::remove(sandbox::livePath));
+        } else if (!movedTo.isEmpty()) {
+            QVERIFY(QFile::rename(sandbox::livePath, movedTo));
+            // The name is looked up at most once a second.
+            QTest::qWait(1100);
+        }
+        writeFile(goFile, "");
+        expectEnd({childReport(pid, 0, pid), "monitor sigchld_handler  child exited normally "});
+        QCOMPARE(logTexts().size(), earlierLines + 2);
+        if (movedTo.startsWith('/'))
+            QCOMPARE(logLines(movedTo).size(), 7);
     }
 
     void aFullCardLosesRecordsUntilSpaceIsFreed()

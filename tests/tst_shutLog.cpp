@@ -1,3 +1,4 @@
+#include "main.h"
 #include "sandbox.h"
 #include "shutLog.h"
 
@@ -8,11 +9,47 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <thread>
+#include <vector>
+
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/allocator_interface.h>
+#else
+#include <malloc.h>
+#endif
 
 using sandbox::readFile;
 using sandbox::writeFile;
+
+namespace {
+
+const QRegularExpression recordStamp("^\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} <DEBUG> ");
+
+// The bytes the process's heap holds allocated.
+size_t heapInUse()
+{
+#ifdef __SANITIZE_ADDRESS__
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+#endif
+}
+
+// The log's files, oldest first.
+QStringList filesOldestFirst(const QString& dir)
+{
+    QStringList names = QDir(dir).entryList(QDir::Files);
+    std::sort(names.begin(), names.end(), [](const QString& a, const QString& b) {
+        return a.section('.', 2).toInt() > b.section('.', 2).toInt();
+    });
+    return names;
+}
+
+} // namespace
 
 class tst_shutLog : public QObject
 {
@@ -32,6 +69,19 @@ private:
         QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), text), 0);
     }
     static QString textOf(const QByteArray& line) { return QString::fromUtf8(line.mid(23 + 9)).trimmed(); }
+    // Every file of the folder in the notation of the rotation rows.
+    QString files() const
+    {
+        QStringList found;
+        for (const QString& name : QDir(dir()).entryList(QDir::Files, QDir::Name)) {
+            QStringList lines;
+            for (const QString& line : sandbox::logLines(dir() + "/" + name))
+                lines << (recordStamp.match(line).hasMatch() ? line.mid(23 + 9) : line);
+            const QString suffix = name.section('.', 2);
+            found << (suffix.isEmpty() ? "live" : suffix) + "=" + lines.join('|');
+        }
+        return found.join(' ');
+    }
 
     QTemporaryDir* folder = nullptr;
 
@@ -39,92 +89,109 @@ private slots:
     void init() { folder = new QTemporaryDir; }
     void cleanup() { delete folder; }
 
-    void rotationShiftsEveryOlderFileAndDropsTheOldest()
+    // The files before, the records written, the files after: "k=text" for
+    // older file k after "live=text" for the live file, its records by their text
+    // alone, lines joined by "|".
+    void recordsRotateTheFilesWhenTheyFindTheLiveFileFull_data()
     {
-        for (int k = 1; k <= 6; ++k)
-            writeFile(older(k), "older " + QByteArray::number(k) + "\n");
-        writeFile(live(), "0123456789\n");
-        QScopedPointer<shutLog> log(makeLog(11, 6));
-        QCOMPARE(log->openLog(), 0);
-        saveDebug(*log, "first of the new file");
-
-        QCOMPARE(readFile(older(1)), QByteArray("0123456789\n"));
-        for (int k = 2; k <= 6; ++k)
-            QCOMPARE(readFile(older(k)), "older " + QByteArray::number(k - 1) + "\n");
-        QVERIFY(!QFile::exists(older(7)));
-        const QByteArray fresh = readFile(live());
-        QVERIFY(fresh.endsWith(" <DEBUG> first of the new file\n"));
-        QCOMPARE(fresh.count('\n'), 1);
-    }
-
-    void rotationKeepsTheGapsOfMissingFiles()
-    {
-        writeFile(older(1), "one");
-        writeFile(older(2), "two");
-        writeFile(older(4), "four");
-        writeFile(live(), "full");
-        QScopedPointer<shutLog> log(makeLog(4, 6));
-        saveDebug(*log, "x");
-
-        QCOMPARE(readFile(older(1)), QByteArray("full"));
-        QCOMPARE(readFile(older(2)), QByteArray("one"));
-        QCOMPARE(readFile(older(3)), QByteArray("two"));
-        QVERIFY(!QFile::exists(older(4)));
-        QCOMPARE(readFile(older(5)), QByteArray("four"));
-        QVERIFY(!QFile::exists(older(6)));
-    }
-
-    void noOlderFilesKeepsOnlyTheLastLiveFile_data()
-    {
+        QTest::addColumn<QString>("before");
+        QTest::addColumn<int>("maxSize");
         QTest::addColumn<int>("maxFiles");
-        QTest::newRow("zero") << 0;
-        QTest::newRow("negative") << -3;
+        QTest::addColumn<QStringList>("records");
+        QTest::addColumn<QString>("after");
+        QTest::newRow("every older file shifted, the oldest dropped")
+            << "live=0123456789 1=o1 2=o2 3=o3 4=o4 5=o5 6=o6" << 11 << 6 << QStringList{"x"}
+            << "live=x 1=0123456789 2=o1 3=o2 4=o3 5=o4 6=o5";
+        QTest::newRow("gaps of missing files kept")
+            << "live=full 1=one 2=two 4=four" << 4 << 6 << QStringList{"x"} << "live=x 1=full 2=one 3=two 5=four";
+        QTest::newRow("no older files: only the last kept, those above untouched")
+            << "live=full 1=previous 2=above" << 4 << 0 << QStringList{"x"} << "live=x 1=full 2=above";
+        QTest::newRow("a negative count of older files")
+            << "live=full 1=previous 2=above" << 4 << -3 << QStringList{"x"} << "live=x 1=full 2=above";
+        // The very first record finds an empty new file, which moves too.
+        QTest::newRow("size limit 0: before every record")
+            << "" << 0 << 6 << QStringList{"one", "two", "three"} << "live=three 1=two 2=one 3=";
+        // 5 bytes, then 39 (one short of the limit), then 73 found.
+        QTest::newRow("an existing file appended to until full")
+            << "live=kept" << 40 << 6 << QStringList{"a", "b", "c"} << "live=c 1=kept|a|b";
     }
-    void noOlderFilesKeepsOnlyTheLastLiveFile()
+    void recordsRotateTheFilesWhenTheyFindTheLiveFileFull()
     {
+        QFETCH(QString, before);
+        QFETCH(int, maxSize);
         QFETCH(int, maxFiles);
-        writeFile(older(1), "previous");
-        writeFile(older(2), "above the count, never touched");
-        writeFile(live(), "full");
-        QScopedPointer<shutLog> log(makeLog(4, maxFiles));
-        saveDebug(*log, "x");
-
-        QCOMPARE(readFile(older(1)), QByteArray("full"));
-        QCOMPARE(readFile(older(2)), QByteArray("above the count, never touched"));
-        QVERIFY(readFile(live()).endsWith("x\n"));
+        QFETCH(QStringList, records);
+        QFETCH(QString, after);
+        for (const QString& file : before.split(' ')) {
+            if (file.isEmpty())
+                continue;
+            const QString name = file.section('=', 0, 0);
+            writeFile(name == "live" ? live() : older(name.toInt()), file.section('=', 1).toUtf8() + "\n");
+        }
+        QScopedPointer<shutLog> log(makeLog(maxSize, maxFiles));
+        QCOMPARE(log->openLog(), 0);
+        for (const QString& text : records)
+            saveDebug(*log, text);
+        QCOMPARE(files(), after);
     }
 
-    void zeroSizeLimitRotatesBeforeEveryRecord()
+    // Threads raising messages at once through the daemon's own handler.
+    void everyThreadsRecordsArriveWholeOnceAndInOrder_data()
     {
-        QScopedPointer<shutLog> log(makeLog(0, 6));
-        saveDebug(*log, "one");
-        saveDebug(*log, "two");
-        saveDebug(*log, "three");
+        QTest::addColumn<int>("maxSize");
+        QTest::newRow("one live file") << INT_MAX;
+        QTest::newRow("rotating") << 102400;
+    }
+    void everyThreadsRecordsArriveWholeOnceAndInOrder()
+    {
+        QFETCH(int, maxSize);
+        const int threads = 4;
+        const int records = 5000;
+        logFlag = makeLog(maxSize, 100);
+        qInstallMessageHandler(onShowMsg);
+        {
+            sandbox::OutputCapture err(STDERR_FILENO);
+            std::vector<std::thread> writers;
+            for (int t = 0; t < threads; ++t) {
+                writers.emplace_back([t, records] {
+                    for (int i = 0; i < records; ++i)
+                        qDebug() << "thread" << t << "record" << i;
+                });
+            }
+            for (std::thread& writer : writers)
+                writer.join();
+            QCOMPARE(err.text(), QByteArray());
+        }
+        qInstallMessageHandler(nullptr);
+        delete logFlag;
+        logFlag = nullptr;
 
-        QCOMPARE(textOf(readFile(live())), QString("three"));
-        QCOMPARE(textOf(readFile(older(1))), QString("two"));
-        QCOMPARE(textOf(readFile(older(2))), QString("one"));
-        // The very first record found an empty new file, which moved too.
-        QCOMPARE(readFile(older(3)), QByteArray());
-        QVERIFY(!QFile::exists(older(4)));
+        const QStringList names = filesOldestFirst(dir());
+        QCOMPARE(names.size() > 1, maxSize < INT_MAX);
+        const QRegularExpression record(recordStamp.pattern() + "thread (\\d) record (\\d+)$");
+        std::vector<int> next(threads, 0);
+        for (const QString& name : names) {
+            for (const QString& line : sandbox::logLines(dir() + "/" + name)) {
+                const QRegularExpressionMatch match = record.match(line);
+                QVERIFY2(match.hasMatch(), qPrintable(line));
+                QCOMPARE(match.captured(2).toInt(), next[match.captured(1).toInt()]++);
+            }
+        }
+        QCOMPARE(next, std::vector<int>(threads, records));
     }
 
-    void anExistingLiveFileIsAppendedToUntilItIsFull()
+    // One huge message is written whole and leaves no buffer of its size
+    // behind for the rest of the process's life.
+    void aHugeMessageKeepsNoMemory()
     {
-        writeFile(live(), "kept\n");
-        QScopedPointer<shutLog> log(makeLog(40, 6));
-        QCOMPARE(log->openLog(), 0);
-        QCOMPARE(log->openLog(), 0);
-        saveDebug(*log, "a"); // 5 bytes found: appended
-        const QByteArray grown = readFile(live());
-        QVERIFY(grown.startsWith("kept\n"));
-        QCOMPARE(grown.size(), 5 + 23 + 9 + 1 + 1);
-        saveDebug(*log, "b"); // 39 bytes found, one short: appended still
-        QCOMPARE(readFile(live()).count('\n'), 3);
-        QVERIFY(!QFile::exists(older(1)));
-        saveDebug(*log, "c"); // 73 bytes found: rotated first
-        QCOMPARE(readFile(older(1)).count('\n'), 3);
-        QCOMPARE(textOf(readFile(live())), QString("c"));
+        const int hugeSize = 32 * 1024 * 1024;
+        QScopedPointer<shutLog> log(makeLog(INT_MAX, 6));
+        saveDebug(*log, "small");
+        const size_t before = heapInUse();
+        saveDebug(*log, QString(hugeSize, QChar('h')));
+        QVERIFY2(heapInUse() < before + 1024 * 1024, qPrintable(QString::number(heapInUse() - before)));
+        saveDebug(*log, "small");
+        QCOMPARE(QFileInfo(live()).size(), 3 * (23 + 9 + 1) + 2 * 5 + hugeSize);
     }
 
     // A live file past 2 GiB, more than a 32-bit off_t holds, is full like
@@ -239,33 +306,6 @@ private slots:
         QCOMPARE(readFile(older(1)), QByteArray("full"));
         QCOMPARE(readFile(older(5)), QByteArray("three"));
         QCOMPARE(textOf(readFile(live())), QString("y"));
-    }
-
-    void aFullCardLosesRecordsUntilSpaceIsFreed()
-    {
-        QVERIFY(sandbox::mountSmallCard(64));
-        const QByteArray card = sandbox::cardDir;
-        {
-            shutLog log(card.constData(), "shutDown.log", 1024 * 1024, 6);
-            QCOMPARE(log.openLog(), 0); // the live file exists, still without a block
-            QFile filler(card + "/filler");
-            QVERIFY(filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
-            while (filler.write(QByteArray(4096, 'f')) > 0) {
-            }
-            filler.close();
-            {
-                sandbox::OutputCapture err(STDERR_FILENO);
-                QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOSPC);
-                QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOSPC);
-                QCOMPARE(err.text(), QByteArray("write to log failed: No space left on device\n").repeated(2));
-            }
-            QVERIFY(QFile::remove(card + "/filler"));
-            saveDebug(log, "after space is freed");
-            const QList<QByteArray> lines = readFile(card + "/shutDown.log").split('\n');
-            QCOMPARE(lines.size(), 2);
-            QVERIFY(lines[0].endsWith(" <DEBUG> after space is freed"));
-        }
-        sandbox::unmountCard();
     }
 };
 
