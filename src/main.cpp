@@ -14,11 +14,6 @@
 
 namespace {
 
-const char logDirectory[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
-const char logFileName[] = "shutDown.log";
-const int logMaxSize = 102400;
-const int logOlderFiles = 6;
-
 QLoggingCategory::CategoryFilter qtFilter = nullptr;
 
 // The daemon reads no configuration, so neither Qt's logging rules from the

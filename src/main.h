@@ -12,6 +12,13 @@ class shutLog;
 // The process's one log; null before start-up and after shut-down.
 extern shutLog* logFlag;
 
+// Where the process's log lives on the card and how far it grows: the daemon
+// and an owner's program that logs the same way open it with these.
+extern const char logDirectory[];
+extern const char logFileName[];
+extern const int logMaxSize;
+extern const int logOlderFiles;
+
 // Writes every Qt message of the process into the log.
 void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString& msg);
 

@@ -12,6 +12,11 @@
 
 shutLog* logFlag = nullptr;
 
+const char logDirectory[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
+const char logFileName[] = "shutDown.log";
+const int logMaxSize = 102400;
+const int logOlderFiles = 6;
+
 namespace {
 
 // Set while this thread is inside the handler: a message the handler raises
