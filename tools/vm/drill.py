@@ -36,7 +36,9 @@ MAX_SIZE = 102400          # the live log's limit
 OLDER_FILES = 6            # ".1" to ".6"
 LOG_DIR = "softShutDownLogFiles"
 LOG_NAME = "shutDown.log"
-CARD_MIB = 128
+# A card as appliances have them: FAT32 with 32 KiB clusters. The image is
+# sparse; only what the file system wrote takes room.
+CARD_MIB = 4096
 JOB_COMMANDS = 400
 STATUS_QUERY = "M117"
 ZERO_SLOTS_CHANCE = 0.03   # answers that report a full controller
@@ -101,9 +103,9 @@ class Machine:
         """QEMU's command line; a saved state holds for the same line only."""
         def sock(name):
             return "socket,id=%s,path=%s" % (name, os.path.join(work, name + ".sock"))
-        return ["qemu-system-x86_64", "-machine", "pc", "-accel", "tcg", "-smp", "1", "-m", "512",
+        return ["qemu-system-x86_64", "-machine", "pc", "-accel", "tcg", "-smp", "1", "-m", "256",
                 "-kernel", os.path.join(cache, "vmlinux"), "-initrd", os.path.join(cache, "drill", "initrd"),
-                "-append", "console=ttyS0 panic=-1 loglevel=4",
+                "-append", "console=ttyS0 panic=-1 loglevel=4 init_on_free=1",
                 "-display", "none", "-monitor", "none", "-no-reboot", "-nic", "none",
                 "-serial", "file:" + os.path.join(work, "console"),
                 "-chardev", sock("agent"), "-serial", "chardev:agent",
@@ -247,7 +249,7 @@ def makeCard(path, rng):
     files = prefillLines(rng)
     if os.path.exists(path):
         os.unlink(path)
-    run(["mkfs.vfat", "-n", "CARD", "-C", path, str(CARD_MIB * 1024)],
+    run(["mkfs.vfat", "-F", "32", "-s", "64", "-n", "CARD", "-C", path, str(CARD_MIB * 1024)],
         stdout=subprocess.DEVNULL)
     stage = tempfile.mkdtemp(dir=os.path.dirname(path))
     names = ["%s.%d" % (LOG_NAME, n) for n in range(len(files) - 1, 0, -1)] + [LOG_NAME]
@@ -259,6 +261,10 @@ def makeCard(path, rng):
     run(["mcopy", "-i", path, "-s", os.path.join(stage, LOG_DIR), "::/"], env=env)
     shutil.rmtree(stage)
     return [line for lines in files for line in lines]
+
+
+def copyCard(source, target):
+    run(["cp", "--sparse=always", source, target])
 
 
 def readCard(path, into):
@@ -347,7 +353,7 @@ class Drill:
             machine.send("start %d\n" % int(time.time() * 1000))
 
             def panicked():
-                shutil.copyfile(card, cut)
+                copyCard(card, cut)
                 self.copied = True
             finished = False
             for line in machine.lines(timeout=20, panicked=panicked):
@@ -568,7 +574,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("drills", type=int, nargs="?", default=5)
     parser.add_argument("--seed", type=int)
-    parser.add_argument("--cut-range-ms", type=float, default=60.0)
+    parser.add_argument("--cut-range-ms", type=float, default=300.0)
     parser.add_argument("--cache", required=True)
     parser.add_argument("--appliance", required=True)
     parser.add_argument("--agent", required=True)
@@ -580,7 +586,8 @@ def main():
                  os.path.join(options.cache, "vmlinux")):
         with open(path, "rb") as f:
             digest.update(f.read())
-    digest.update((COMMAND + " ".join(Machine.arguments(options.cache, "WORK", "CARD"))).encode())
+    # The saved kernel knows the card's size from its boot.
+    digest.update((COMMAND + " ".join(Machine.arguments(options.cache, "WORK", "CARD")) + str(CARD_MIB)).encode())
     key = digest.hexdigest()
     drillDir = os.path.join(options.cache, "drill")
     keyFile = os.path.join(drillDir, "state.key")
@@ -589,7 +596,7 @@ def main():
     saveState(options.cache, key)
 
     base = options.seed if options.seed is not None else random.SystemRandom().randrange(1, 10 ** 9)
-    work = tempfile.mkdtemp(dir="/dev/shm" if os.path.isdir("/dev/shm") else drillDir)
+    work = tempfile.mkdtemp(dir=drillDir)
     done = []
     began = time.monotonic()
     try:
@@ -605,7 +612,7 @@ def main():
                 log("  FAILED: " + failure)
         kept = os.path.join(drillDir, "card.img")
         if os.path.exists(os.path.join(work, "cut.img")):
-            shutil.copyfile(os.path.join(work, "cut.img"), kept)
+            copyCard(os.path.join(work, "cut.img"), kept)
             log("card image: %s" % kept)
     finally:
         shutil.rmtree(work, ignore_errors=True)
