@@ -433,6 +433,7 @@ class Drill:
                       for r in history]
 
         files, strays = readCard(cut, os.path.join(self.work, "atcut"))
+        self.filesAtCut = ", ".join("%s %d" % (name, len(data)) for name, data in files.items())
         self.fsck = fsckFindings(cut)
         onCard = []
         for name, data in files.items():
@@ -497,6 +498,8 @@ class Drill:
             text += ("records before the edge lost %d, torn %d; torn after it %d; commands after the stop %d; "
                      "fsck %s" % (len(self.lost), len(self.torn), len(self.tornAfter), self.afterStop,
                                   "clean" if not self.fsck else "; ".join(self.fsck[:3])))
+            if self.lost or self.torn or self.tornAfter or self.fsck:
+                text += "; files at the cut: %s" % self.filesAtCut
         return text
 
 
