@@ -305,6 +305,8 @@ def records(data):
     """The records of a log file: a record begins with its time and level;
     a line that does not is the rest of the record before it."""
     found = []
+    if not data:
+        return found
     for line in data.split(b"\n")[:-1] if data.endswith(b"\n") else data.split(b"\n"):
         if RECORD.match(line) or not found:
             found.append(line)
