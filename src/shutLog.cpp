@@ -23,11 +23,12 @@ const size_t nameBufferSize = 256;
 // rather than kept for the rest of the process's life.
 const size_t keptRecordCapacity = 16 * 1024;
 
-// One lock for every log of the process (there is one), recursive because
-// saveLog calls the other operations. A thread that forks while another is
-// inside a record would leave the child a lock held for ever: the fork takes
-// it first and both sides give it back.
-std::recursive_mutex logLock;
+// One lock for every log of the process (there is one). A thread that forks
+// while another is inside a record would leave the child a lock held for
+// ever: the fork takes it first and both sides give it back. It is a plain
+// lock, since the child's thread has a new id and could not give back one
+// that checks its owner.
+std::mutex logLock;
 
 void lockForFork()
 {
@@ -110,7 +111,24 @@ shutLog::~shutLog()
 
 int shutLog::openLog()
 {
-    const std::lock_guard<std::recursive_mutex> held(logLock);
+    const std::lock_guard<std::mutex> held(logLock);
+    return openFile();
+}
+
+int shutLog::closeLog()
+{
+    const std::lock_guard<std::mutex> held(logLock);
+    return closeFile();
+}
+
+int shutLog::shiftFiles()
+{
+    const std::lock_guard<std::mutex> held(logLock);
+    return rotateFiles();
+}
+
+int shutLog::openFile()
+{
     if (fd >= 0)
         return 0;
     fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
@@ -122,9 +140,8 @@ int shutLog::openLog()
     return 0;
 }
 
-int shutLog::closeLog()
+int shutLog::closeFile()
 {
-    const std::lock_guard<std::recursive_mutex> held(logLock);
     if (fd >= 0) {
         close(fd);
         fd = -1;
@@ -162,7 +179,7 @@ bool shutLog::stillLive(const struct stat& st)
 
 int shutLog::getFileSize()
 {
-    const std::lock_guard<std::recursive_mutex> held(logLock);
+    const std::lock_guard<std::mutex> held(logLock);
     if (fd < 0)
         return 0;
     struct stat st;
@@ -176,9 +193,8 @@ int shutLog::getFileSize()
     return static_cast<int>(st.st_size);
 }
 
-int shutLog::shiftFiles()
+int shutLog::rotateFiles()
 {
-    const std::lock_guard<std::recursive_mutex> held(logLock);
     char from[nameBufferSize];
     char to[nameBufferSize];
     for (int k = maxFiles; k >= 1; --k) {
@@ -200,7 +216,7 @@ int shutLog::shiftFiles()
             return -err;
         }
     }
-    closeLog();
+    closeFile();
     snprintf(to, sizeof to, "%s.1", logPath.c_str());
     if (rename(logPath.c_str(), to) < 0) {
         const int err = errno;
@@ -213,9 +229,9 @@ int shutLog::shiftFiles()
 int shutLog::saveLog(QtMsgType type, const QMessageLogContext& context, const QString& msg)
 {
     Q_UNUSED(context);
-    const std::lock_guard<std::recursive_mutex> held(logLock);
+    const std::lock_guard<std::mutex> held(logLock);
     if (fd < 0) {
-        const int opened = openLog();
+        const int opened = openFile();
         if (opened < 0)
             return opened;
     }
@@ -224,8 +240,8 @@ int shutLog::saveLog(QtMsgType type, const QMessageLogContext& context, const QS
     if (got < 0)
         return got;
     if (!stillLive(st)) {
-        closeLog();
-        const int opened = openLog();
+        closeFile();
+        const int opened = openFile();
         if (opened < 0)
             return opened;
         got = statOpenFile(st);
@@ -235,13 +251,13 @@ int shutLog::saveLog(QtMsgType type, const QMessageLogContext& context, const QS
     // Rotate before the record that finds the file full, so the live file
     // passes the limit by one record at most.
     if (st.st_size >= maxSize) {
-        closeLog();
-        const int shifted = shiftFiles();
+        closeFile();
+        const int shifted = rotateFiles();
         if (shifted < 0) {
             fwrite("shiftFiles failed\n", 1, 18, stderr);
             return shifted;
         }
-        const int opened = openLog();
+        const int opened = openFile();
         if (opened < 0)
             return opened;
     }

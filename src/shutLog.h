@@ -36,6 +36,10 @@ public:
     int saveLog(QtMsgType type, const QMessageLogContext& context, const QString& msg);
 
 private:
+    // The operations of the same meaning, called with the lock held.
+    int openFile();
+    int closeFile();
+    int rotateFiles();
     int statOpenFile(struct stat& st);
     bool stillLive(const struct stat& st);
 
