@@ -16,6 +16,7 @@ was given; the machine is killed afterwards, never shut down.
 """
 
 import argparse
+import calendar
 import hashlib
 import json
 import os
@@ -305,14 +306,14 @@ def records(data):
     """The records of a log file: a record begins with its time and level;
     a line that does not is the rest of the record before it."""
     found = []
-    if not data:
-        return found
-    for line in data.split(b"\n")[:-1] if data.endswith(b"\n") else data.split(b"\n"):
+    whole = data.endswith(b"\n")
+    for line in (data[:-1] if whole else data).split(b"\n") if data else []:
         if RECORD.match(line) or not found:
             found.append(line)
         else:
             found[-1] += b"\n" + line
-    if data and not data.endswith(b"\n") and found:
+    # A record cut off before its line end is not the record it began as.
+    if data and not whole:
         found[-1] += b"<no line end>"
     return found
 
@@ -322,7 +323,6 @@ def recordMs(record):
     if not m:
         return None
     y, mo, d, h, mi, s, ms = (int(x) for x in m.groups())
-    import calendar
     return (calendar.timegm((y, mo, d, h, mi, s)) * 1000) + ms
 
 
@@ -507,7 +507,16 @@ class Drill:
 
 # ---------------------------------------------------------------- the saved state
 
-def buildInitrd(cache, appliance, agent, job):
+def job():
+    """The print job: a square spiral of moves and extrusions, with line
+    numbers, which tell the commands apart at the controller."""
+    lines = ["; a square spiral, %d commands" % JOB_COMMANDS, "N1 G28"]
+    for i in range(2, JOB_COMMANDS + 1):
+        lines.append("N%d G1 X%.1f Y%.1f E%.3f F1800" % (i, 100 + (i % 40) * 2.5, 100 + (i // 40) * 2.5, i * 0.125))
+    return "\n".join(lines) + "\n"
+
+
+def buildInitrd(cache, appliance, agent):
     drill = os.path.join(cache, "drill")
     os.makedirs(drill, exist_ok=True)
     root = os.path.join(drill, "root")
@@ -516,7 +525,8 @@ def buildInitrd(cache, appliance, agent, job):
     os.makedirs(os.path.join(root, "vm", "modules"))
     shutil.copy(appliance, os.path.join(root, "vm", "appliance"))
     shutil.copy(agent, os.path.join(root, "vm", "drillAgent"))
-    shutil.copy(job, os.path.join(root, "vm", "job.gcode"))
+    with open(os.path.join(root, "vm", "job.gcode"), "w") as f:
+        f.write(job())
     modules = os.path.join(cache, "image", "lib", "modules")
     kernel = os.path.join(modules, os.listdir(modules)[0], "kernel")
     for m in MODULES:
@@ -583,21 +593,20 @@ def main():
     parser.add_argument("--cache", required=True)
     parser.add_argument("--appliance", required=True)
     parser.add_argument("--agent", required=True)
-    parser.add_argument("--job", required=True)
     options = parser.parse_args()
 
     digest = hashlib.sha1()
-    for path in (os.path.join(options.cache, "base.cpio.gz"), options.appliance, options.agent, options.job,
+    for path in (os.path.join(options.cache, "base.cpio.gz"), options.appliance, options.agent,
                  os.path.join(options.cache, "vmlinux")):
         with open(path, "rb") as f:
             digest.update(f.read())
     # The saved kernel knows the card's size from its boot.
-    digest.update((COMMAND + " ".join(Machine.arguments(options.cache, "WORK", "CARD")) + str(CARD_MIB)).encode())
+    digest.update((COMMAND + " ".join(Machine.arguments(options.cache, "WORK", "CARD")) + str(CARD_MIB) + job()).encode())
     key = digest.hexdigest()
     drillDir = os.path.join(options.cache, "drill")
     keyFile = os.path.join(drillDir, "state.key")
     if not (os.path.exists(keyFile) and open(keyFile).read() == key):
-        buildInitrd(options.cache, options.appliance, options.agent, options.job)
+        buildInitrd(options.cache, options.appliance, options.agent)
     saveState(options.cache, key)
 
     base = options.seed if options.seed is not None else random.SystemRandom().randrange(1, 10 ** 9)
