@@ -23,11 +23,13 @@
 #include <QStringList>
 #include <QThread>
 
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,6 +119,8 @@ int runInChild()
             return failedStatus;
         return WIFEXITED(status) ? WEXITSTATUS(status) : failedStatus;
     }
+    // Stopping the leader, as an init system does, stops the appliance too.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     return -1;
 }
 
