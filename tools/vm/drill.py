@@ -74,7 +74,6 @@ class Machine:
     printer's line (ttyS2, /dev/ttyO1 in the guest) and QMP."""
 
     def __init__(self, cache, work, card, incoming=None):
-        self.work = work
         listeners = {}
         for name in ("agent", "printer", "qmp"):
             listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -366,7 +365,6 @@ class Drill:
                 finished = self.hear(line)
                 if finished:
                     break
-            self.hostSeconds = time.monotonic() - started
             self.timeline()
             if not finished:
                 self.failures.append("the appliance did not finish (last lines: %s)" % self.messages[-3:])
@@ -465,7 +463,6 @@ class Drill:
         self.torn = [r for i, r in torn if i is not None and beforeEdge[i]]
         self.tornAfter = [r for i, r in torn if i is None or not beforeEdge[i]]
         self.strays = strays
-        self.history = history
         self.cutAfterSync = "synced" in self.times and self.times["cut"] > self.times["synced"]
         self.cutBeforeOwnFlush = "stopped" not in self.times or self.times["cut"] < self.times["stopped"]
         older = [n for n in files if n != LOG_NAME]
