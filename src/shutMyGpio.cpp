@@ -13,6 +13,7 @@
 #include <fstream>
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using sysfsGpio::Outcome;
@@ -21,10 +22,10 @@ namespace {
 
 const unsigned int powerLine = 55;
 const unsigned int outputLine = 100;
-const int noTimeout = -1;
+const int lineCheckMs = 1000;
 const int levelTextSize = 16;
 const int levelBase = 10;
-const unsigned int openRetrySeconds = 1;
+const unsigned int retrySeconds = 1;
 
 const char mountTable[] = "/proc/mounts";
 const char logPartition[] = "/dev/mmcblk0p3";
@@ -57,6 +58,17 @@ void reportLineFailure(const char* function, const char* file, unsigned int gpio
 void reportWriteFailure(const char* function, const char* file, unsigned int gpio)
 {
     reportFailure(function, true, file, gpio);
+}
+
+// Whether the open value file is still the line's: a line unexported (or
+// its driver unbound) while the watcher sleeps in poll never wakes it, and
+// its value file, once back, is a new file.
+bool stillExported(int valueFd)
+{
+    struct stat opened;
+    struct stat named;
+    return fstat(valueFd, &opened) == 0 && stat(sysfsGpio::valuePath(powerLine).c_str(), &named) == 0
+        && opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
 } // namespace
@@ -175,15 +187,16 @@ int shutMyGpio::do_poweroff_process()
     return 0;
 }
 
-void shutMyGpio::handleWake(int valueFd)
+int shutMyGpio::handleWake(int valueFd)
 {
     char text[levelTextSize + 1];
     lseek(valueFd, 0, SEEK_SET);
     const ssize_t got = read(valueFd, text, levelTextSize);
     if (got < 0) {
         // No new level: acting on an older one could repeat a stale power-off.
-        fprintf(stderr, "check upper dor error: %s\n", strerror(errno));
-        return;
+        const int err = errno;
+        fprintf(stderr, "check upper dor error: %s\n", strerror(err));
+        return -err;
     }
     text[got] = '\0';
     // Kept as long: on the 32-bit appliance that is int, and on a 64-bit
@@ -200,29 +213,11 @@ void shutMyGpio::handleWake(int valueFd)
         qDebug() << "shutMyGpio" << "run" << " receive power on signal\n";
         emit sig_pollOn();
     }
+    return 0;
 }
 
-// A watcher that never sees an edge is the worst outcome, so a value file
-// that does not open yet is tried again until it does.
-int shutMyGpio::openPowerSignal()
+int shutMyGpio::setUpLines()
 {
-    int valueFd = gpio_open(powerLine);
-    if (valueFd >= 0)
-        return valueFd;
-    qDebug() << "shutMyGpio" << "run" << " power signal not watched, retry every second: " << strerror(-valueFd);
-    while (valueFd < 0) {
-        sleep(openRetrySeconds);
-        // The free function: a failure a second belongs on standard error,
-        // not in the size-limited log, where it would push out the history.
-        valueFd = ::gpio_open(powerLine);
-    }
-    qDebug() << "shutMyGpio" << "run" << " power signal watched";
-    return valueFd;
-}
-
-void shutMyGpio::run()
-{
-    qDebug() << "=======20160408======MyGpio=====run";
     gpio_export(powerLine);
     gpio_set_direction(powerLine, "in");
     const int edgeSet = gpio_set_edge(powerLine, "falling");
@@ -231,12 +226,70 @@ void shutMyGpio::run()
     gpio_export(outputLine);
     gpio_set_direction(outputLine, "out");
     gpio_set_value(outputLine, 1);
-    const int valueFd = openPowerSignal();
+    return gpio_open(powerLine);
+}
+
+// A watcher that never sees an edge is the worst outcome, so a line that
+// cannot be watched is set up again, whole, every second until it can: one
+// line on standard error per try at most, and nothing in the size-limited
+// log, where it would push out the history.
+int shutMyGpio::watchAgain(int err)
+{
+    qDebug() << "shutMyGpio" << "run" << " power signal not watched, retry every second: " << strerror(err);
+    int valueFd;
+    do {
+        sleep(retrySeconds);
+        sysfsGpio::exportLine(powerLine);
+        sysfsGpio::setDirection(powerLine, "in");
+        const int edgeSet = sysfsGpio::setEdge(powerLine, "falling").result;
+        valueFd = ::gpio_open(powerLine);
+        if (valueFd >= 0 && edgeSet < 0) {
+            close(valueFd);
+            valueFd = edgeSet;
+        }
+    } while (valueFd < 0);
+    // Line 100 once, not at every try: "out" drives it low until its value
+    // is written.
+    sysfsGpio::exportLine(outputLine);
+    sysfsGpio::setDirection(outputLine, "out");
+    sysfsGpio::setValue(outputLine, 1);
+    qDebug() << "shutMyGpio" << "run" << " power signal watched";
+    return valueFd;
+}
+
+// Every edge marks a sysfs value file with POLLERR beside POLLPRI, so only
+// a mark without POLLPRI, or a read that fails, tells that the line is gone:
+// then poll returns at once for ever. A line that goes while the wait
+// sleeps tells nothing; the wait ends each second to look at the file's
+// name, never at its level, which would take an edge's mark away.
+int shutMyGpio::watchOnce(int valueFd)
+{
+    pollfd watched = {valueFd, POLLPRI, 0};
+    const int woke = poll(&watched, 1, lineCheckMs);
+    if (woke < 0) {
+        fprintf(stderr, "poll error: %s\n", strerror(errno));
+        return 0;
+    }
+    if (woke == 0)
+        return stillExported(valueFd) ? 0 : -ENODEV;
+    if (watched.revents & POLLPRI)
+        return handleWake(valueFd);
+    const int err = watched.revents & POLLNVAL ? EBADF : EIO;
+    fprintf(stderr, "poll error: %s\n", strerror(err));
+    return -err;
+}
+
+void shutMyGpio::run()
+{
+    qDebug() << "=======20160408======MyGpio=====run";
+    int valueFd = setUpLines();
+    if (valueFd < 0)
+        valueFd = watchAgain(-valueFd);
     for (;;) {
-        pollfd watched = {valueFd, POLLPRI, 0};
-        if (poll(&watched, 1, noTimeout) < 0)
-            fprintf(stderr, "poll error: %s\n", strerror(errno));
-        else if (watched.revents & POLLPRI)
-            handleWake(valueFd);
+        const int lost = watchOnce(valueFd);
+        if (lost < 0) {
+            close(valueFd);
+            valueFd = watchAgain(-lost);
+        }
     }
 }

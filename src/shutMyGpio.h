@@ -48,19 +48,28 @@ public:
     int do_poweroff_process();
 
     // What run does each time poll reports an edge on the value file: reads
-    // the level from the start of the file and acts on it.
-    void handleWake(int valueFd);
+    // the level from the start of the file and acts on it. 0, or a negated
+    // errno when the file does not read: the line is gone.
+    int handleWake(int valueFd);
 
 signals:
     void sig_shutDown();
     void sig_pollOn();
 
 public slots:
-    // Sets up the lines and watches the power signal; never returns.
+    // Sets up the lines and watches the power signal; never returns. A line
+    // that cannot be watched, at start or later, is set up again every
+    // second until it can.
     void run();
 
 private:
-    int openPowerSignal();
+    // Both lines set up at start, with the members' messages; the value
+    // file's descriptor or a negated errno.
+    int setUpLines();
+    // Both lines set up again every second until the line is watched.
+    int watchAgain(int err);
+    // One wait and what follows it; a negated errno when the line is gone.
+    int watchOnce(int valueFd);
 
     bool poweroff_received;
 };

@@ -16,7 +16,8 @@
 #include <vector>
 
 #ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/allocator_interface.h>
+// AddressSanitizer's own count; GCC ships no header for it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #else
 #include <malloc.h>
 #endif
@@ -33,9 +34,12 @@ size_t heapInUse()
 {
 #ifdef __SANITIZE_ADDRESS__
     return __sanitizer_get_current_allocated_bytes();
-#else
+#elif __GLIBC__ > 2 || __GLIBC_MINOR__ >= 33
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
+#else
+    const struct mallinfo info = mallinfo();
+    return static_cast<unsigned int>(info.uordblks) + static_cast<unsigned int>(info.hblkhd);
 #endif
 }
 

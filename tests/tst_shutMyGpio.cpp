@@ -434,7 +434,7 @@ private slots:
         handleLevel(fresh, fd, "0\n");
 
         sandbox::OutputCapture stderrText(STDERR_FILENO);
-        fresh.handleWake(unreadable);
+        QCOMPARE(fresh.handleWake(unreadable), -EISDIR);
         QCOMPARE(stderrText.text(), QByteArray("check upper dor error: Is a directory\n"));
         QCOMPARE(log->take(), QStringList());
         QCOMPARE(shutDowns.count(), 1);

@@ -13,8 +13,14 @@
 #include <QtTest>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
+#include <fcntl.h>
+#include <linux/gpio.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 using namespace kernelGpio;
 
@@ -67,6 +73,36 @@ void dipWhileBusy(EdgeProbe& probe, bool lowNow)
     setInput(powerLine, false);
     setInput(powerLine, true);
     probe.edgeWithin(5000);
+}
+
+// Another user of the line, through the chip's character device: while it
+// holds the line, the line cannot be exported. The request's descriptor,
+// which frees the line when closed, or -1.
+int holdLine(unsigned int line)
+{
+    const int chip = open("/dev/gpiochip0", O_RDONLY);
+    if (chip < 0)
+        return -1;
+    gpio_v2_line_request request;
+    memset(&request, 0, sizeof request);
+    request.offsets[0] = line;
+    request.num_lines = 1;
+    request.config.flags = GPIO_V2_LINE_FLAG_INPUT;
+    strcpy(request.consumer, "another user");
+    const int held = ioctl(chip, GPIO_V2_GET_LINE_IOCTL, &request) < 0 ? -1 : request.fd;
+    close(chip);
+    return held;
+}
+
+// The time the thread has run, in nanoseconds.
+qint64 cpuNs(pid_t tid)
+{
+    return readFile(QString("/proc/self/task/%1/schedstat").arg(tid)).split(' ').value(0).toLongLong();
+}
+
+QString notWatched(const char* reason)
+{
+    return QString("shutMyGpio run  power signal not watched, retry every second:  ") + reason;
 }
 
 bool mountAs(const char* device, const char* dir)
@@ -242,6 +278,69 @@ private slots:
         QCOMPARE(second->pollOns(), 0);
         QCOMPARE(running->shutDowns(), firstShutDowns);
         QCOMPARE(takeMessages(), QStringList());
+    }
+
+    // The line taken away while it is watched: unexported by another
+    // process, then held by another user of the chip, while a third watcher
+    // starts. Each reports once and retries every second without spinning;
+    // once the line is free, all set it up again whole and see the next loss.
+    void aLineTakenAwayIsWatchedAgainOnceFree()
+    {
+        QVERIFY(setInput(powerLine, true));
+        takeMessages();
+        const int shutDowns = running->shutDowns();
+        const QString errorsPath = "/tmp/stderr";
+        const int savedStderr = dup(STDERR_FILENO);
+        const int errors = open(errorsPath.toUtf8().constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        QVERIFY(errors >= 0 && dup2(errors, STDERR_FILENO) == STDERR_FILENO);
+        close(errors);
+
+        QFile unexport("/sys/class/gpio/unexport");
+        QVERIFY(unexport.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && unexport.write("55") == 2);
+        const int held = holdLine(powerLine);
+        QVERIFY(held >= 0);
+        RunningWatcher* late = new RunningWatcher; // never destroyed, as above
+        late->start();
+        QTRY_COMPARE(countOf(notWatched("No such device")), 2);
+        QTRY_COMPARE(countOf(notWatched("No such file or directory")), 1);
+
+        // While the line is gone: under 1% of a processor per watcher, and
+        // one line of standard error per watcher and retry at most.
+        const int seconds = 3;
+        const QList<pid_t> watchers = {running->tid(), late->tid()};
+        QList<qint64> cpuBefore;
+        for (pid_t tid : watchers)
+            cpuBefore << cpuNs(tid);
+        const qint64 errorsBefore = QFileInfo(errorsPath).size();
+        QTest::qWait(seconds * 1000);
+        const QByteArray lines = readFile(errorsPath).mid(errorsBefore);
+        for (int i = 0; i < watchers.size(); ++i) {
+            const qint64 used = cpuNs(watchers[i]) - cpuBefore[i];
+            printf("line gone: watcher %d used %.3f%% of a processor\n", i, used / (seconds * 1e7));
+            QVERIFY(used < seconds * 10000000LL);
+        }
+        printf("line gone: %lld bytes of standard error a second from %d watchers\n",
+               qint64(lines.size()) / seconds, 3);
+        QVERIFY(lines.count('\n') <= 3 * (seconds + 1));
+        QCOMPARE(lines.count('\n'), lines.count("gpio/fd_open: No such file or directory\n"));
+
+        close(held);
+        QTRY_COMPARE(countOf("shutMyGpio run  power signal watched"), 3);
+        QCOMPARE(lineFile(powerLine, "direction") + lineFile(powerLine, "edge"), QByteArray("in\nfalling\n"));
+        QCOMPARE(debugRow(powerLine), QByteArray("gpio-55 ( |sysfs ) in hi IRQ"));
+        QVERIFY(setInput(powerLine, false));
+        QTRY_COMPARE(late->shutDowns(), 1);
+        QTRY_COMPARE(running->shutDowns(), shutDowns + 1);
+        QTRY_COMPARE(countOf(lossMessage), 3);
+        dup2(savedStderr, STDERR_FILENO);
+        close(savedStderr);
+        // Watchers asleep in poll learn of the loss at their next look at
+        // the file; one that was not finds a read that fails, once.
+        const QByteArray allErrors = readFile(errorsPath);
+        const int readFailures = allErrors.count("check upper dor error: No such device\n");
+        QVERIFY(readFailures <= 2);
+        QCOMPARE(allErrors.count('\n'), readFailures + allErrors.count("gpio/fd_open: No such file or directory\n"));
+        QVERIFY(setInput(powerLine, true));
     }
 
     // The kernel's refusals come back as the errno it gives, from the free
