@@ -228,24 +228,24 @@ int main(int argc, char** argv)
         return failedStatus;
     qInstallMessageHandler(showMessage);
 
-    Job job;
-    // The watcher and its thread live until the process ends: run never
-    // returns, and the log stays open for it.
+    // The watcher, its thread and the job it stops live until the process
+    // ends: run never returns, and the log stays open for it.
+    Job* job = new Job;
     watcherThread = new QThread;
     shutMyGpio* watcher = new shutMyGpio;
     watcher->moveToThread(watcherThread);
     QObject::connect(watcherThread, &QThread::started, watcher, &shutMyGpio::run);
     // Direct: on the watcher's thread, the moment the card is flushed, not
     // when the main thread's loop comes round to it.
-    QObject::connect(watcher, &shutMyGpio::sig_shutDown, watcher, [&job] {
-        const int handedOver = job.stop();
+    QObject::connect(watcher, &shutMyGpio::sig_shutDown, watcher, [job] {
+        const int handedOver = job->stop();
         show("power lost, handed over %d", handedOver);
         qDebug() << "appliance" << "powerLost" << " power is going, no command after"
                  << QString::number(handedOver);
     }, Qt::DirectConnection);
     watcherThread->start();
 
-    PrinterThread printer(commands, job);
+    PrinterThread printer(commands, *job);
     QObject::connect(&printer, &QThread::finished, &app, &QCoreApplication::quit);
     show("ready %d", int(commands.size()));
     printer.start();
