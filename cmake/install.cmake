@@ -6,8 +6,8 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS softShutDown RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
 
-# The start-up files name the daemon's path and the one default of its
-# environment, which only the defaults file holds.
+# The start-up files name the daemon's installed path and the defaults
+# file, which alone holds the daemon's environment (Qt's platform among it).
 set(supervisor_daemon_path ${CMAKE_INSTALL_FULL_SBINDIR}/softShutDown)
 set(supervisor_defaults_path ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/softShutDown)
 configure_file(init/softShutDown.service.in init/softShutDown.service @ONLY)
