@@ -4,8 +4,9 @@
 #include <QObject>
 
 // An owner of the power-signal watcher. The watcher's run never returns, so
-// it gets a thread of its own; its signals come back to the owner's thread
-// through Qt's queued delivery, where the owner reacts to them.
+// it gets a thread of its own. A loss of power is handled on that thread,
+// the moment the file systems are flushed; the return of power comes back
+// to the owner's thread through Qt's queued delivery.
 class PowerOwner : public QObject
 {
     Q_OBJECT
@@ -16,6 +17,8 @@ public:
     void startWatching();
 
 public slots:
+    // Runs on the watcher's thread: it may use only what is safe from any
+    // thread (here Qt's messages), never the main thread's objects unlocked.
     void powerLost();
     void powerBack();
 };

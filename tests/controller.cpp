@@ -123,6 +123,12 @@ void Controller::queue(const QByteArray& answer)
     queue(reply);
 }
 
+void Controller::answerAt(int exchange, const Reply& reply)
+{
+    QMutexLocker locked(&lock);
+    numbered.insert(exchange, reply);
+}
+
 void Controller::setFreeSlots(int count)
 {
     QMutexLocker locked(&lock);
@@ -205,6 +211,8 @@ Reply Controller::replyTo(const QByteArray& command)
     QMutexLocker locked(&lock);
     received << QString::fromUtf8(command);
     arrivals << sinceStart().elapsed();
+    if (numbered.contains(received.size()))
+        return numbered.take(received.size());
     if (!replies.isEmpty())
         return replies.takeFirst();
     Reply reply;

@@ -3,6 +3,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QMap>
 #include <QMutex>
 #include <QStringList>
 
@@ -49,6 +50,9 @@ public:
     void start();
     void queue(const Reply& reply);
     void queue(const QByteArray& answer);
+    // The reply to the exchange of that number (1: the first command that
+    // arrives), before any queued one.
+    void answerAt(int exchange, const Reply& reply);
     void setFreeSlots(int count);
     void zeroPolls(int polls);
     // Answers "ok 5 <command>" after pauseMs, noting any command that comes
@@ -72,6 +76,7 @@ private:
 
     QMutex lock;
     QList<Reply> replies;
+    QMap<int, Reply> numbered;
     int freeSlots = 7;
     int zeroPollsLeft = 0;
     int echoPauseMs = -1;
