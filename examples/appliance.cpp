@@ -212,6 +212,7 @@ int main(int argc, char** argv)
     // First, while this is the only thread: every thread started later holds
     // SIGCHLD too.
     holdChildSignal();
+    keepOwnMessages();
     if (leadsSession()) {
         const int status = runInChild();
         if (status >= 0)

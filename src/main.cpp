@@ -8,33 +8,13 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
-#include <QLoggingCategory>
 
 #include <cstring>
-
-namespace {
-
-QLoggingCategory::CategoryFilter qtFilter = nullptr;
-
-// The daemon reads no configuration, so neither Qt's logging rules from the
-// environment nor a qtlogging.ini may silence its own messages, which all go
-// through the default category. Qt's own categories follow the rules as usual.
-void keepOwnMessages(QLoggingCategory* category)
-{
-    qtFilter(category);
-    if (qstrcmp(category->categoryName(), "default") == 0) {
-        category->setEnabled(QtDebugMsg, true);
-        category->setEnabled(QtWarningMsg, true);
-        category->setEnabled(QtCriticalMsg, true);
-    }
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
     holdChildSignal();
-    qtFilter = QLoggingCategory::installFilter(keepOwnMessages);
+    keepOwnMessages();
     QApplication app(argc, argv);
     if (!QFile::exists(logDirectory))
         QDir().mkdir(logDirectory);

@@ -19,6 +19,10 @@ extern const char logFileName[];
 extern const int logMaxSize;
 extern const int logOlderFiles;
 
+// Keeps the process's own messages (Qt's default category) on, whatever
+// Qt's logging rules say; installed first thing, before the application.
+void keepOwnMessages();
+
 // Writes every Qt message of the process into the log.
 void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString& msg);
 

@@ -6,6 +6,7 @@
 #include "shutLog.h"
 
 #include <QDebug>
+#include <QLoggingCategory>
 
 #include <cstdio>
 #include <cstring>
@@ -23,7 +24,27 @@ namespace {
 // about itself must not come back into it.
 thread_local bool inHandler = false;
 
+QLoggingCategory::CategoryFilter qtFilter = nullptr;
+
+// The daemon reads no configuration, so neither Qt's logging rules from the
+// environment nor a qtlogging.ini may silence its own messages, which all go
+// through the default category. Qt's own categories follow the rules as usual.
+void keepDefaultCategory(QLoggingCategory* category)
+{
+    qtFilter(category);
+    if (qstrcmp(category->categoryName(), "default") == 0) {
+        category->setEnabled(QtDebugMsg, true);
+        category->setEnabled(QtWarningMsg, true);
+        category->setEnabled(QtCriticalMsg, true);
+    }
+}
+
 } // namespace
+
+void keepOwnMessages()
+{
+    qtFilter = QLoggingCategory::installFilter(keepDefaultCategory);
+}
 
 void onShowMsg(QtMsgType type, const QMessageLogContext& context, const QString& msg)
 {
