@@ -1,7 +1,6 @@
 #include "sandbox.h"
 #include "shutLog.h"
 
-#include <QApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QRegularExpression>

@@ -4,7 +4,6 @@
 #include "shutMyGpio.h"
 #include "sysfsGpio.h"
 
-#include <QApplication>
 #include <QThread>
 #include <QtTest>
 

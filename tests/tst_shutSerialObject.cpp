@@ -5,7 +5,6 @@
 #include "sandbox.h"
 #include "shutSerialObject.h"
 
-#include <QApplication>
 #include <QDir>
 #include <QtTest>
 
