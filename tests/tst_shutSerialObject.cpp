@@ -152,7 +152,7 @@ private slots:
         printer.queue(answer.toUtf8() + "\r\n");
         QCOMPARE(link.serialSendCode("G3"), QString("ok 0"));
         QCOMPARE(link.serialSendCode("G4"), QString("ok 7"));
-        QCOMPARE(printer.commands().mid(3), QStringList({"G3", "M117", "M117", "G4", "M117"}));
+        QCOMPARE(QStringList(printer.commands().mid(3)), QStringList({"G3", "M117", "M117", "G4", "M117"}));
         QCOMPARE(log.taggedWithPrefix("D Unknown").last(), unknown + "\"0\" \n");
     }
 
