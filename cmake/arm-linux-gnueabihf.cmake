@@ -22,3 +22,17 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# moc, uic and rcc run on the host. Debian's sysroot names the host's own
+# (Debian's Qt 5.15); a sysroot with the appliance's Qt 5.4 needs that Qt's
+# tools built for the host: QT_HOST_BIN, an environment variable for the same
+# reason as ARM_SYSROOT, names the directory that holds them. (This file is
+# read more than once; the tools are named once.)
+if(DEFINED ENV{QT_HOST_BIN})
+    foreach(tool moc uic rcc)
+        if(NOT TARGET Qt5::${tool})
+            add_executable(Qt5::${tool} IMPORTED GLOBAL)
+            set_target_properties(Qt5::${tool} PROPERTIES IMPORTED_LOCATION "$ENV{QT_HOST_BIN}/${tool}")
+        endif()
+    endforeach()
+endif()

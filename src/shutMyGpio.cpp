@@ -172,6 +172,18 @@ int shutMyGpio::get_mount_list(std::vector<mount_point_t>& list)
     return 0;
 }
 
+namespace {
+
+// The mount table writes a blank as \040. From Qt 5.5 on, a quoted string in
+// a debug message has its backslashes and quotes escaped; the appliance's
+// Qt 5.4 writes the text as it stands, so the quotes are written here.
+QString quoted(const QString& text)
+{
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+} // namespace
+
 int shutMyGpio::do_poweroff_process()
 {
     std::vector<mount_point_t> mounts;
@@ -182,7 +194,7 @@ int shutMyGpio::do_poweroff_process()
     get_mount_list(mounts);
     for (const mount_point_t& mount : mounts) {
         if (mount.device == logPartition || storage.exactMatch(mount.device))
-            qDebug() << "umount " << mount.device << " from " << mount.mount_dir;
+            qDebug().noquote() << "umount " << quoted(mount.device) << " from " << quoted(mount.mount_dir);
     }
     return 0;
 }

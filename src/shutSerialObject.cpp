@@ -25,6 +25,15 @@ const useconds_t pollIntervalUs = 80000;
 // Free-slot counts above this are worth a line in the log.
 const int reportSlotsAbove = 16;
 
+// Commands and answers may hold quotes, backslashes and control characters.
+// From Qt 5.5 on, a quoted string in a debug message has them escaped; the
+// appliance's Qt 5.4 writes the text as it stands, so the messages that carry
+// them write their own quotes.
+QString quoted(const QString& text)
+{
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
 } // namespace
 
 shutSerialObject::shutSerialObject()
@@ -87,7 +96,7 @@ QString shutSerialObject::serialCheckCode(QString code)
     // Status queries come every 80 ms while the controller is full; they
     // would drown the log.
     if (code != QLatin1String(statusQuery))
-        qDebug() << "serial send: " << code << "; recv" << answer.c_str();
+        qDebug().noquote() << "serial send: " << quoted(code) << "; recv" << answer.c_str();
     return QString::fromUtf8(answer.c_str());
 }
 
@@ -119,7 +128,8 @@ void shutSerialObject::statusCheck()
             return;
     }
     // The command goes out all the same; its own answer brings a new count.
-    qDebug() << "Unknown result: " << answer << " [bufsizeFlag]: " << QString::number(bufsizeFlag) << "\n";
+    qDebug().noquote() << "Unknown result: " << quoted(answer) << " [bufsizeFlag]: " << quoted(QString::number(bufsizeFlag))
+                       << "\n";
 }
 
 QString shutSerialObject::serialSendCode(QString code)
@@ -128,7 +138,8 @@ QString shutSerialObject::serialSendCode(QString code)
         statusCheck();
     const QString answer = serialCheckCode(code);
     if (parseResult(answer.toStdString(), bufsizeFlag) < 0) {
-        qDebug() << "Unknown result: " << answer << " [bufsizeFlag]: " << QString::number(bufsizeFlag);
+        qDebug().noquote() << "Unknown result: " << quoted(answer) << " [bufsizeFlag]: "
+                           << quoted(QString::number(bufsizeFlag));
         return QLatin1String(unparsedAnswer);
     }
     // A query answer without digits leaves the command's count in place.

@@ -1,11 +1,14 @@
 #ifndef SANDBOX_H
 #define SANDBOX_H
 
-#include <QApplication>
 #include <QByteArray>
+#include <QCoreApplication>
 #include <QString>
 #include <QStringList>
 #include <QtTest>
+#ifdef QT_WIDGETS_LIB
+#include <QApplication>
+#endif
 
 #include <sys/types.h>
 #include <unistd.h>
@@ -104,7 +107,13 @@ int runTest(int argc, char** argv)
 {
     if (!enter())
         return 1;
+#ifdef QT_WIDGETS_LIB
     QApplication app(argc, argv);
+#else
+    // The components that need QtCore alone are also tested on a build
+    // with nothing else.
+    QCoreApplication app(argc, argv);
+#endif
     TestObject test;
     return QTest::qExec(&test, argc, argv);
 }

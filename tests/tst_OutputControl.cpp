@@ -2,7 +2,6 @@
 #include "OutputControl.h"
 #include "sandbox.h"
 
-#include <QApplication>
 #include <QDir>
 #include <QtTest>
 

@@ -2,7 +2,6 @@
 #include "sandbox.h"
 #include "shutLog.h"
 
-#include <QApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QRegularExpression>

@@ -4,7 +4,6 @@
 #include "sandbox.h"
 #include "shutSerial.h"
 
-#include <QApplication>
 #include <QElapsedTimer>
 #include <QThread>
 #include <QtTest>
