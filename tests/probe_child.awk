@@ -1,9 +1,9 @@
 #!/usr/bin/awk -f
-# probe_child as a script, for runs under user-mode emulation, where the
-# daemon cannot start an ARM program. It records the same things, as the
-# kernel reports them for this process: working directory, core-file limits
-# and blocked signals, each in a file under /tmp; then it waits for /tmp/go.
-# awk, not sh: the shell clears the blocked-signal mask it was started with.
+# The stand-in for the appliance's program that records how it was started,
+# as the kernel reports it for this process: working directory, core-file
+# limits and blocked signals, each in a file under /tmp; then it waits for
+# /tmp/go. A script, so that a daemon run under user-mode emulation can start
+# it too; awk, not sh: the shell clears the blocked-signal mask it was started with.
 BEGIN {
     system("pwd -P >/tmp/child-cwd")
     while ((getline line < "/proc/self/limits") > 0) {

@@ -88,18 +88,6 @@ void resetCard()
     QDir().mkpath(logDir);
 }
 
-bool mountSmallCard(int kibibytes)
-{
-    const QByteArray options = "size=" + QByteArray::number(kibibytes) + "k";
-    QDir().mkpath(cardDir);
-    return mountTmpfs(cardDir, options.constData());
-}
-
-void unmountCard()
-{
-    umount2(cardDir, MNT_DETACH);
-}
-
 bool pin(const QString& path)
 {
     const QByteArray name = QFile::encodeName(path);

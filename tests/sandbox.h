@@ -32,9 +32,6 @@ extern const char childProgram[]; // where the appliance's program is started fr
 void installChild(const QByteArray& script);
 // A fresh card directory with an empty log directory in it.
 void resetCard();
-// A tmpfs of the given size mounted over the card directory.
-bool mountSmallCard(int kibibytes);
-void unmountCard();
 // Binds a file over itself: a mount point that rename and unlink refuse.
 bool pin(const QString& path);
 void unpin(const QString& path);
@@ -123,15 +120,6 @@ int runTest(int argc, char** argv)
 #define SANDBOXED_TEST_MAIN(TestObject)                     \
     int main(int argc, char** argv)                         \
     {                                                       \
-        return sandbox::runTest<TestObject>(argc, argv);    \
-    }
-
-// For tests that launch the child: SIGCHLD held before any thread starts,
-// as the daemon's main holds it.
-#define SANDBOXED_LAUNCHER_TEST_MAIN(TestObject)            \
-    int main(int argc, char** argv)                         \
-    {                                                       \
-        holdChildSignal();                                  \
         return sandbox::runTest<TestObject>(argc, argv);    \
     }
 

@@ -9,7 +9,6 @@
 #include <QtTest>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <thread>
 #include <vector>
@@ -26,7 +25,7 @@ using sandbox::writeFile;
 
 namespace {
 
-const QRegularExpression recordStamp("^\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} <DEBUG> ");
+const QRegularExpression stamp("^\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}", QRegularExpression::MultilineOption);
 
 // The bytes the process's heap holds allocated.
 size_t heapInUse()
@@ -42,14 +41,19 @@ size_t heapInUse()
 #endif
 }
 
-// The log's files, oldest first.
-QStringList filesOldestFirst(const QString& dir)
+// The rows of a tab-separated table in golden/, "\n" in a field a line break.
+void addRows(const char* table, std::initializer_list<const char*> columns)
 {
-    QStringList names = QDir(dir).entryList(QDir::Files);
-    std::sort(names.begin(), names.end(), [](const QString& a, const QString& b) {
-        return a.section('.', 2).toInt() > b.section('.', 2).toInt();
-    });
-    return names;
+    for (const char* column : columns)
+        QTest::addColumn<QString>(column);
+    for (const QString& line : QString::fromUtf8(readFile(GOLDEN "/" + QString(table))).split('\n')) {
+        if (line.isEmpty() || line.startsWith('#'))
+            continue;
+        const QStringList fields = line.split('\t');
+        QTestData& row = QTest::newRow(qPrintable(fields[0]));
+        for (int i = 1; i <= int(columns.size()); ++i)
+            row << QString(fields.value(i)).replace("\\n", "\n");
+    }
 }
 
 } // namespace
@@ -58,98 +62,99 @@ class tst_shutLog : public QObject
 {
     Q_OBJECT
 
-private:
-    QString dir() const { return folder->path(); }
-    QString live() const { return dir() + "/shutDown.log"; }
-    QString older(int k) const { return live() + "." + QString::number(k); }
-    shutLog* makeLog(int maxSize, int maxFiles)
+    QTemporaryDir* folder = nullptr;
+    QString live() const { return folder->path() + "/shutDown.log"; }
+    QString older(const QString& k) const { return live() + "." + k; }
+    shutLog* makeLog(int maxSize, int maxFiles, const QString& dir = QString())
     {
-        const QByteArray path = dir().toUtf8();
-        return new shutLog(path.constData(), "shutDown.log", maxSize, maxFiles);
+        return new shutLog(qPrintable(dir.isEmpty() ? folder->path() : dir), "shutDown.log", maxSize, maxFiles);
     }
-    void saveDebug(shutLog& log, const QString& text)
-    {
-        QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), text), 0);
-    }
-    static QString textOf(const QByteArray& line) { return QString::fromUtf8(line.mid(23 + 9)).trimmed(); }
-    // Every file of the folder in the notation of the rotation rows.
+    // Every file of the folder as "k=text" (live for the live file), its
+    // lines joined by "|", without the records' times and tags.
     QString files() const
     {
         QStringList found;
-        for (const QString& name : QDir(dir()).entryList(QDir::Files, QDir::Name)) {
-            QStringList lines;
-            for (const QString& line : sandbox::logLines(dir() + "/" + name))
-                lines << (recordStamp.match(line).hasMatch() ? line.mid(23 + 9) : line);
-            const QString suffix = name.section('.', 2);
-            found << (suffix.isEmpty() ? "live" : suffix) + "=" + lines.join('|');
+        for (const QString& name : QDir(folder->path()).entryList(QDir::Files, QDir::Name)) {
+            const QString text = QString::fromUtf8(readFile(folder->path() + "/" + name)).remove(QRegularExpression(stamp.pattern() + " <DEBUG> ", QRegularExpression::MultilineOption));
+            found << (name.section('.', 2).isEmpty() ? "live" : name.section('.', 2)) + "=" + text.left(text.size() - 1).replace('\n', '|');
         }
         return found.join(' ');
     }
-
-    QTemporaryDir* folder = nullptr;
 
 private slots:
     void init() { folder = new QTemporaryDir; }
     void cleanup() { delete folder; }
 
-    // The files before, the records written, the files after: "k=text" for
-    // older file k after "live=text" for the live file, its records by their text
-    // alone, lines joined by "|".
-    void recordsRotateTheFilesWhenTheyFindTheLiveFileFull_data()
-    {
-        QTest::addColumn<QString>("before");
-        QTest::addColumn<int>("maxSize");
-        QTest::addColumn<int>("maxFiles");
-        QTest::addColumn<QStringList>("records");
-        QTest::addColumn<QString>("after");
-        QTest::newRow("every older file shifted, the oldest dropped")
-            << "live=0123456789 1=o1 2=o2 3=o3 4=o4 5=o5 6=o6" << 11 << 6 << QStringList{"x"}
-            << "live=x 1=0123456789 2=o1 3=o2 4=o3 5=o4 6=o5";
-        QTest::newRow("gaps of missing files kept")
-            << "live=full 1=one 2=two 4=four" << 4 << 6 << QStringList{"x"} << "live=x 1=full 2=one 3=two 5=four";
-        QTest::newRow("no older files: only the last kept, those above untouched")
-            << "live=full 1=previous 2=above" << 4 << 0 << QStringList{"x"} << "live=x 1=full 2=above";
-        QTest::newRow("a negative count of older files")
-            << "live=full 1=previous 2=above" << 4 << -3 << QStringList{"x"} << "live=x 1=full 2=above";
-        // The very first record finds an empty new file, which moves too.
-        QTest::newRow("size limit 0: before every record")
-            << "" << 0 << 6 << QStringList{"one", "two", "three"} << "live=three 1=two 2=one 3=";
-        // 5 bytes, then 39 (one short of the limit), then 73 found.
-        QTest::newRow("an existing file appended to until full")
-            << "live=kept" << 40 << 6 << QStringList{"a", "b", "c"} << "live=c 1=kept|a|b";
-    }
-    void recordsRotateTheFilesWhenTheyFindTheLiveFileFull()
+    // The files before ("k=text", "!" after a text pins the file with a
+    // bind mount, "/" makes it a directory with something in it; "nodir":
+    // the log's directory is missing), the results of openLog and of each
+    // record ("~" clears what is in the way), the files after, standard error.
+    void rotation_data() { addRows("log-rotation.tsv", {"before", "maxSize", "maxFiles", "records", "results", "after", "err"}); }
+    void rotation()
     {
         QFETCH(QString, before);
-        QFETCH(int, maxSize);
-        QFETCH(int, maxFiles);
-        QFETCH(QStringList, records);
-        QFETCH(QString, after);
+        QFETCH(QString, records);
+        QFETCH(QString, err);
+        QStringList inTheWay;
         for (const QString& file : before.split(' ')) {
-            if (file.isEmpty())
+            const QString path = file.startsWith("live=") ? live() : older(file.section('=', 0, 0)), text = file.section('=', 1);
+            if (file.isEmpty() || file == "nodir")
                 continue;
-            const QString name = file.section('=', 0, 0);
-            writeFile(name == "live" ? live() : older(name.toInt()), file.section('=', 1).toUtf8() + "\n");
+            if (text == "/")
+                QVERIFY(QDir().mkpath(path + "/in"));
+            else
+                writeFile(path, text.left(text.size() - text.endsWith('!')).toUtf8() + "\n");
+            if (text.endsWith('!'))
+                QVERIFY(sandbox::pin(path));
+            inTheWay << path;
         }
-        QScopedPointer<shutLog> log(makeLog(maxSize, maxFiles));
-        QCOMPARE(log->openLog(), 0);
-        for (const QString& text : records)
-            saveDebug(*log, text);
-        QCOMPARE(files(), after);
+        QFETCH(QString, maxSize);
+        QFETCH(QString, maxFiles);
+        QScopedPointer<shutLog> log(makeLog(maxSize.toInt(), maxFiles.toInt(), before == "nodir" ? folder->path() + "/missing" : QString()));
+        sandbox::OutputCapture said(STDERR_FILENO);
+        QStringList results(QString::number(log->openLog()));
+        for (const QString& text : records.split('|')) {
+            for (const QString& path : text == "~" ? inTheWay : QStringList()) {
+                sandbox::unpin(path);
+                QVERIFY(QDir(path).removeRecursively());
+            }
+            if (text != "~")
+                results << QString::number(log->saveLog(QtDebugMsg, QMessageLogContext(), text));
+        }
+        QTEST(results.join(' '), "results");
+        QTEST(files(), "after");
+        QCOMPARE(QString(said.text()), err.replace("DIR", folder->path()));
     }
 
-    // Threads raising messages at once through the daemon's own handler.
-    void everyThreadsRecordsArriveWholeOnceAndInOrder_data()
+    // A record: the type, the text, the record with its time as T.
+    void records_data() { addRows("log-records.tsv", {"type", "text", "record"}); }
+    void records()
+    {
+        QFETCH(QString, type);
+        QFETCH(QString, text);
+        QScopedPointer<shutLog> log(makeLog(102400, 6));
+        const QDateTime before = QDateTime::currentDateTimeUtc().addMSecs(-1);
+        QCOMPARE(log->saveLog(QtMsgType(type.toInt()), QMessageLogContext("file.cpp", 7, "fn", "cat"), text), 0);
+        const QDateTime after = QDateTime::currentDateTimeUtc().addMSecs(1);
+        QString written = QString::fromUtf8(readFile(live()));
+        QDateTime when = QDateTime::fromString(written.left(23), "yyyy.MM.dd hh:mm:ss.zzz");
+        when.setTimeSpec(Qt::UTC);
+        QVERIFY2(when >= before && when <= after, qPrintable(written));
+        QTEST(written.replace(stamp, "T"), "record");
+    }
+
+    // Threads raising messages at once through the daemon's own handler:
+    // every record whole, once and in its thread's order.
+    void threads_data()
     {
         QTest::addColumn<int>("maxSize");
         QTest::newRow("one live file") << INT_MAX;
         QTest::newRow("rotating") << 102400;
     }
-    void everyThreadsRecordsArriveWholeOnceAndInOrder()
+    void threads()
     {
         QFETCH(int, maxSize);
-        const int threads = 4;
-        const int records = 5000;
+        const int threads = 4, records = 5000;
         logFlag = makeLog(maxSize, 100);
         qInstallMessageHandler(onShowMsg);
         {
@@ -169,12 +174,15 @@ private slots:
         delete logFlag;
         logFlag = nullptr;
 
-        const QStringList names = filesOldestFirst(dir());
+        QStringList names = QDir(folder->path()).entryList(QDir::Files);
+        std::sort(names.begin(), names.end(), [](const QString& a, const QString& b) {
+            return a.section('.', 2).toInt() > b.section('.', 2).toInt(); // oldest first
+        });
         QCOMPARE(names.size() > 1, maxSize < INT_MAX);
-        const QRegularExpression record(recordStamp.pattern() + "thread (\\d) record (\\d+)$");
+        const QRegularExpression record(stamp.pattern() + " <DEBUG> thread (\\d) record (\\d+)$");
         std::vector<int> next(threads, 0);
         for (const QString& name : names) {
-            for (const QString& line : sandbox::logLines(dir() + "/" + name)) {
+            for (const QString& line : sandbox::logLines(folder->path() + "/" + name)) {
                 const QRegularExpressionMatch match = record.match(line);
                 QVERIFY2(match.hasMatch(), qPrintable(line));
                 QCOMPARE(match.captured(2).toInt(), next[match.captured(1).toInt()]++);
@@ -189,126 +197,29 @@ private slots:
     {
         const int hugeSize = 32 * 1024 * 1024;
         QScopedPointer<shutLog> log(makeLog(INT_MAX, 6));
-        saveDebug(*log, "small");
+        QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "small"), 0);
         const size_t before = heapInUse();
-        saveDebug(*log, QString(hugeSize, QChar('h')));
+        QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), QString(hugeSize, QChar('h'))), 0);
         QVERIFY2(heapInUse() < before + 1024 * 1024, qPrintable(QString::number(heapInUse() - before)));
-        saveDebug(*log, "small");
-        QCOMPARE(QFileInfo(live()).size(), 3 * (23 + 9 + 1) + 2 * 5 + hugeSize);
+        QCOMPARE(QFileInfo(live()).size(), 2 * (23 + 9 + 1) + 5 + hugeSize);
     }
 
-    // A live file past 2 GiB, more than a 32-bit off_t holds, is full like
-    // any other: opened, measured at the largest int, rotated away.
-    void aLiveFileBeyondTwoGibibytesIsRotated()
+    // A closed log has no size; a live file past 2 GiB, more than a 32-bit
+    // off_t holds, is full like any other: measured at the largest int,
+    // rotated away by the record that reopens the closed log.
+    void sizes()
     {
         const qint64 bigSize = qint64(3) << 30;
-        {
-            QFile big(live());
-            QVERIFY(big.open(QIODevice::WriteOnly));
-            QVERIFY(big.resize(bigSize)); // sparse: it takes no room
-        }
+        QFile big(live());
+        QVERIFY(big.open(QIODevice::WriteOnly) && big.resize(bigSize)); // sparse: it takes no room
         QScopedPointer<shutLog> log(makeLog(102400, 6));
+        QCOMPARE(log->getFileSize(), 0);
         QCOMPARE(log->openLog(), 0);
         QCOMPARE(log->getFileSize(), INT_MAX);
-        saveDebug(*log, "after the big one");
-        QCOMPARE(QFileInfo(older(1)).size(), bigSize);
-        QCOMPARE(textOf(readFile(live())), QString("after the big one"));
-    }
-
-    void recordsCarryUtcTimeTagAndTextWhole()
-    {
-        QScopedPointer<shutLog> log(makeLog(102400, 6));
-        const QDateTime before = QDateTime::currentDateTimeUtc().addMSecs(-1);
-        const QString text = QString::fromUtf8("Grüße, 温度 ok\n  second line");
-        QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext("file.cpp", 7, "fn", "cat"), text), 0);
-        QCOMPARE(log->saveLog(QtWarningMsg, QMessageLogContext(), "abc"), 0);
-        QCOMPARE(log->saveLog(QtCriticalMsg, QMessageLogContext(), "c"), 0);
-        QCOMPARE(log->saveLog(QtFatalMsg, QMessageLogContext(), "f"), 0);
-        QCOMPARE(log->saveLog(QtMsgType(4), QMessageLogContext(), "info"), 0);
-        QCOMPARE(log->saveLog(QtMsgType(99), QMessageLogContext(), "odd"), 0);
-        const QDateTime after = QDateTime::currentDateTimeUtc().addMSecs(1);
-
-        const QByteArray bytes = readFile(live());
-        const QList<QByteArray> lines = bytes.split('\n');
-        QCOMPARE(lines.size(), 8); // the text's own line break, and the last empty piece
-        const QRegularExpression stamp("^\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}");
-        for (int i : {0, 2, 3, 4, 5, 6}) {
-            QVERIFY2(stamp.match(QString::fromLatin1(lines[i])).hasMatch(), lines[i].constData());
-            QDateTime when = QDateTime::fromString(QString::fromLatin1(lines[i].left(23)), "yyyy.MM.dd hh:mm:ss.zzz");
-            when.setTimeSpec(Qt::UTC);
-            QVERIFY(when >= before && when <= after);
-        }
-        QCOMPARE(lines[0].mid(23), QByteArray(" <DEBUG> Grüße, 温度 ok"));
-        QCOMPARE(lines[1], QByteArray("  second line"));
-        QCOMPARE(lines[2].mid(23), QByteArray(" <WARNING> abc"));
-        QCOMPARE(lines[3].mid(23), QByteArray(" <CRITICAL> c"));
-        QCOMPARE(lines[4].mid(23), QByteArray(" <FATAL> f"));
-        QCOMPARE(lines[5].mid(23), QByteArray("info"));
-        QCOMPARE(lines[6].mid(23), QByteArray("odd"));
-    }
-
-    void aClosedLogHasNoSizeAndClosesQuietly()
-    {
-        QScopedPointer<shutLog> log(makeLog(102400, 6));
-        QCOMPARE(log->getFileSize(), 0);
-        QCOMPARE(log->closeLog(), 0);
-        QCOMPARE(log->closeLog(), 0);
-        saveDebug(*log, "x");
-        QCOMPARE(log->getFileSize(), readFile(live()).size());
-        QCOMPARE(log->closeLog(), 0);
-        QCOMPARE(log->getFileSize(), 0);
-        QVERIFY(QFile::exists(live()));
-    }
-
-    void aMissingDirectoryFailsEveryRecord()
-    {
-        const QByteArray missing = (dir() + "/missing").toUtf8();
-        shutLog log(missing.constData(), "shutDown.log", 100, 6);
-        sandbox::OutputCapture err(STDERR_FILENO);
-        QCOMPARE(log.openLog(), -ENOENT);
-        QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOENT);
-        QCOMPARE(log.saveLog(QtDebugMsg, QMessageLogContext(), "lost"), -ENOENT);
-        QCOMPARE(err.text(), QByteArray("open log failed: No such file or directory\n").repeated(3));
-    }
-
-    void aFailedRotationIsReportedAndRetriedByTheNextRecord()
-    {
-        // A directory with something in it can be neither unlinked nor
-        // renamed over.
-        QVERIFY(QDir().mkpath(older(6) + "/in"));
-        writeFile(live(), "full");
-        QScopedPointer<shutLog> log(makeLog(4, 6));
-        {
-            sandbox::OutputCapture err(STDERR_FILENO);
-            QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "x"), -EISDIR);
-            QCOMPARE(err.text(), QByteArray("unlink file failed: Is a directory\nshiftFiles failed\n"));
-        }
-        QDir(older(6)).removeRecursively();
-        // A mount point cannot be renamed either.
-        writeFile(older(3), "three");
-        QVERIFY(sandbox::pin(older(3)));
-        {
-            sandbox::OutputCapture err(STDERR_FILENO);
-            QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "x"), -EBUSY);
-            QCOMPARE(err.text(), "rename file " + older(3).toUtf8()
-                                     + " failed: Device or resource busy\nshiftFiles failed\n");
-        }
-        sandbox::unpin(older(3));
-        QVERIFY(sandbox::pin(live()));
-        {
-            sandbox::OutputCapture err(STDERR_FILENO);
-            QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "x"), -EBUSY);
-            QCOMPARE(err.text(), "rename file " + live().toUtf8()
-                                     + " failed: Device or resource busy\nshiftFiles failed\n");
-        }
-        sandbox::unpin(live());
-        // The steps already taken stay taken; once the way is clear the
-        // next record rotates and lands in a new live file.
-        QCOMPARE(readFile(older(4)), QByteArray("three"));
-        saveDebug(*log, "y");
-        QCOMPARE(readFile(older(1)), QByteArray("full"));
-        QCOMPARE(readFile(older(5)), QByteArray("three"));
-        QCOMPARE(textOf(readFile(live())), QString("y"));
+        QCOMPARE(log->closeLog() + log->closeLog() + log->getFileSize(), 0);
+        QCOMPARE(log->saveLog(QtDebugMsg, QMessageLogContext(), "after"), 0);
+        QCOMPARE(QFileInfo(older("1")).size(), bigSize);
+        QCOMPARE(log->getFileSize(), int(QFileInfo(live()).size()));
     }
 };
 
