@@ -5,97 +5,69 @@
 # the systemd unit passes systemd-analyze verify (with the daemon at the
 # path the unit names); the init script, as an init system runs it, against
 # the stand-in for the appliance's program: started, queried, started again,
-# stopped (both processes gone); a daemon that died and left the program
-# behind; a daemon that cannot start.
+# stopped (the daemon's whole process group gone, the program in it); a
+# daemon that died and left the program behind; a daemon that cannot start.
+# Each step is shown; the first that fails ends the test.
 set -euo pipefail
-if [ -z "${INIT_SCRIPT_INSIDE:-}" ]; then
-    exec unshare --mount --propagation private env INIT_SCRIPT_INSIDE=1 "$0" "$@"
-fi
-unit=$1 script=$2 daemon=$(readlink -f "$3") standIn=$4
-
-defaults=$(sed -n 's/^DEFAULTS=//p' "$script")
-pidfile=$(sed -n 's/^PIDFILE=//p' "$script" | sed 's/\$NAME/softShutDown/')
-for tree in /run /tmp /opt "$(dirname "$defaults")"; do
-    mount -t tmpfs initScript "$tree"
+[ -n "${INIT_SCRIPT_INSIDE:-}" ] || exec unshare --mount --propagation private env INIT_SCRIPT_INSIDE=1 "$0" "$@"
+unit=$1 script=$2 daemon=$(readlink -f "$3")
+defaults=$(sed -n 's/^DEFAULTS=//p' "$script") installed=$(sed -n 's/^ExecStart=//p' "$unit")
+for tree in /run /tmp /opt "$(dirname "$defaults")" "$(dirname "$installed")"; do
+    mount -t tmpfs initFiles "$tree"
 done
+cp "$daemon" "$installed"
+verified=$(systemd-analyze verify "$unit" 2>&1) && [ -z "$verified" ] || { echo "FAIL unit: $verified"; exit 1; }
+umount "$(dirname "$installed")"
 mkdir -p /tmp/mnt/dev/mmcblk0p3 /opt/project
-cp "$standIn" /opt/project/Tolven-ii
+cp "$4" /opt/project/Tolven-ii
 log=/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles/shutDown.log
 export TOLVEN_SECONDS=600
 
-failures=0
-check() { # description, then the command that must succeed
-    local what=$1
-    shift
-    if "$@"; then echo "ok    $what"; else echo "FAIL  $what"; failures=$((failures + 1)); fi
-}
-defaultsWith() {
-    printf 'QT_QPA_PLATFORM=%s\nXDG_RUNTIME_DIR=/run/softShutDown\nDAEMON=%s\n' "$1" "$daemon" >"$defaults"
-}
-run() { # the init script's status code for an action; its output in $said
+fail() { echo "FAIL $*"; exit 1; }
+expect() { # the init script's status code for an action; its output in $said
     local code=0
-    said=$(sh "$script" "$1" 2>&1) || code=$?
-    echo "      $1: $said" | head -3
-    return "$code"
+    said=$(sh "$script" "$2" 2>&1) || code=$?
+    echo "$2 -> $code: $said" | head -3
+    [ "$code" -eq "$1" ] || fail "$2: wanted $1"
 }
-statusIs() { local code=0; run status || code=$?; [ "$code" -eq "$1" ]; }
-childPid() {
+started() { # the daemon's process group in $group, its child in $child
+    group=$(cat /run/softShutDown.pid)
     for _ in $(seq 100); do
         child=$(sed -n 's/.*child start as pid:  "\([0-9]*\)".*/\1/p' "$log" 2>/dev/null | tail -1)
         [ -n "$child" ] && return 0
         sleep 0.1
     done
-    return 1
+    fail "no child started"
 }
-alive() { kill -0 "$1" 2>/dev/null; }
-gone() { ! kill -0 "$1" 2>/dev/null; }
-
-verifyUnit() {
-    local installed
-    installed=$(sed -n 's/^ExecStart=//p' "$unit")
-    mount -t tmpfs initFiles "$(dirname "$installed")"
-    cp "$daemon" "$installed"
-    said=$(systemd-analyze verify "$unit" 2>&1)
-    local code=$?
-    umount "$(dirname "$installed")"
-    [ -n "$said" ] && echo "$said"
-    [ "$code" -eq 0 ] && [ -z "$said" ]
+gone() { ! kill -0 "$1" 2>/dev/null || fail "$1 still there"; }
+defaultsWith() {
+    printf 'QT_QPA_PLATFORM=%s\nXDG_RUNTIME_DIR=/run/softShutDown\nDAEMON=%s\n' "$1" "$daemon" >"$defaults"
 }
-check "the unit passes systemd-analyze verify, without a remark" verifyUnit
 
 defaultsWith offscreen
-check "status before start says not running (3)" statusIs 3
-check "start" run start
-group=$(cat "$pidfile")
-check "status says running (0)" statusIs 0
-check "the daemon started the appliance's program" childPid
-check "the program runs in the daemon's process group" \
-    test "$(ps -o pgid= -p "$child" | tr -d ' ')" = "$group"
-check "a second start starts no second daemon" run start
-check "... and keeps the pid file" test "$(cat "$pidfile")" = "$group"
-check "stop" run stop
-check "the daemon is gone" gone "$group"
-check "the appliance's program is gone" gone "$child"
-check "no process of the group is left" gone "-$group"
-check "status after stop says not running (3)" statusIs 3
+expect 3 status
+expect 0 start
+started
+[ "$(ps -o pgid= -p "$child" | tr -d ' ')" = "$group" ] || fail "the program is not in the daemon's group"
+expect 0 status
+expect 0 start # a second start starts no second daemon
+[ "$(cat /run/softShutDown.pid)" = "$group" ] || fail "the second start replaced the pid file"
+expect 0 stop
+gone "-$group"
+expect 3 status
 
 rm -f "$log"
-check "start again" run start
-group=$(cat "$pidfile")
-check "the daemon started the appliance's program" childPid
+expect 0 start
+started
 kill -KILL "$group"
-while alive "$group"; do sleep 0.1; done
-check "a killed daemon: status says dead (1)" statusIs 1
-check "... and that its program lives on" grep -q "lives on" <<<"$said"
-check "stop ends the program left behind" run stop
-check "the appliance's program is gone" gone "$child"
+while kill -0 "$group" 2>/dev/null; do sleep 0.1; done
+expect 1 status
+grep -q "lives on" <<<"$said" || fail "status does not say the program lives on"
+expect 0 stop
+gone "$child"
 
 defaultsWith no-such-platform
-code=0
-run start || code=$?
-check "without a platform plugin: start fails (1)" test "$code" -eq 1
-check "... and shows Qt's reason" grep -q "no-such-platform" <<<"$said"
-check "... and leaves nothing running" statusIs 3
-
-[ "$failures" -eq 0 ] || { echo "$failures checks failed"; exit 1; }
+expect 1 start
+grep -q "no-such-platform" <<<"$said" || fail "start does not show Qt's reason"
+expect 3 status
 echo "all checks passed"
