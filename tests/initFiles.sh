@@ -21,13 +21,6 @@ printf 'QT_QPA_PLATFORM=offscreen\nXDG_RUNTIME_DIR=/run/softShutDown\nDAEMON=%s\
 log=/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles/shutDown.log
 export TOLVEN_SECONDS=600
 
-# Each "$ " line runs in this shell; its output, numbers as N, then its status.
-while IFS= read -r line; do
-    [ "${line:0:2}" = '$ ' ] || continue
-    echo "$line"
-    code=0
-    eval "${line:2}" </dev/null >/tmp/said 2>&1 || code=$?
-    sed 's/[0-9]\+/N/g' /tmp/said
-    echo "[$code]"
-done <"$golden" | tee /tmp/transcript
-diff -u <(grep -v '^#' "$golden") /tmp/transcript && echo "all as in $golden"
+work=/tmp
+. "$(dirname "$0")/replay.sh"
+replay "$golden"
