@@ -19,9 +19,6 @@
 #include "shutSerialObject.h"
 #include "sysfsGpio.h"
 
-#include <QDir>
-#include <QElapsedTimer>
-#include <QThread>
 #include <QtTest>
 
 #include <algorithm>
@@ -167,19 +164,12 @@ int countOf(const QByteArray& prefix)
 
 bool sleepsInPoll(pid_t tid)
 {
-    return sandbox::sleepsLike(tid, [](int fd) {
-        pollfd wait = {fd, POLLIN, 0};
-        poll(&wait, 1, -1);
-    });
+    return sandbox::sleepsLike(tid, [](int fd) { pollfd wait = {fd, POLLIN, 0}; poll(&wait, 1, -1); });
 }
 
 bool sleepsInRead(pid_t tid)
 {
-    return sandbox::sleepsLike(tid, [](int fd) {
-        char byte;
-        if (read(fd, &byte, 1) < 0) {
-        }
-    });
+    return sandbox::sleepsLike(tid, [](int fd) { char byte; return void(read(fd, &byte, 1)); });
 }
 
 // /dev/ttyO1 made where the test may bind a pseudo-terminal's slave.
@@ -202,6 +192,11 @@ Lines outputLines(char stream, const QByteArray& text)
 QByteArray result(int value, std::string& errmsg)
 {
     return QByteArray::number(value) + (value < 0 ? " " + QByteArray::fromStdString(errmsg) : QByteArray());
+}
+
+QByteArray quoted(const std::string& text)
+{
+    return "\"" + escaped(QByteArray::fromStdString(text)) + "\"";
 }
 
 } // namespace
@@ -252,9 +247,9 @@ class tst_transcripts : public QObject
         } else if (name == "recv") {
             std::string line;
             const int length = port->recv(line);
-            return {QByteArray::number(length) + " \"" + escaped(QByteArray::fromStdString(line)) + "\""};
+            return {QByteArray::number(length) + " " + quoted(line)};
         } else if (name == "drain" || name == "sent") {
-            return {"\"" + escaped(QByteArray::fromStdString(name == "drain" ? port->cleanSerialBuff() : port->codeSent())) + "\""};
+            return {quoted(name == "drain" ? port->cleanSerialBuff() : port->codeSent())};
         } else if (name == "attrs" || name == "vtime") {
             termios now;
             ownFd = ownFd < 0 ? open("/dev/ttyO1", O_RDWR | O_NOCTTY | O_CLOEXEC) : ownFd;
@@ -292,7 +287,7 @@ class tst_transcripts : public QObject
             link.reset();
             link.reset(new shutSerialObject);
         } else if (name == "code") {
-            return {"\"" + escaped(link->serialSendCode(QString::fromStdString(text)).toUtf8()) + "\""};
+            return {quoted(link->serialSendCode(QString::fromStdString(text)).toStdString())};
         } else if (name == "parse") {
             int count = 99;
             const int parsed = shutSerialObject::parseResult(text, count);
@@ -337,7 +332,7 @@ class tst_transcripts : public QObject
             name == "put" ? writeFile(args[0], args.size() > 1 ? arg1 : "") : void();
             CHECK(name != "full" || QFile::link("/dev/full", args[0]));
         } else if (name == "cat") {
-            return {"\"" + escaped(readFile(args[0])) + "\""};
+            return {quoted(readFile(args[0]).toStdString())};
         } else if (name == "gpio-tree") {
             CHECK(sandbox::mountGpioTree());
         } else if (name == "exported") {
