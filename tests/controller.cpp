@@ -1,18 +1,13 @@
 #include "controller.h"
 
 #include "privateTree.h"
-#include "sandbox.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QMutexLocker>
 #include <QThread>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -23,14 +18,6 @@ namespace controller {
 
 namespace {
 
-const char statusQuery[] = "M117";
-
-bool failed(const char* what, const char* path)
-{
-    fprintf(stderr, "controller: %s %s: %s\n", what, path, strerror(errno));
-    return false;
-}
-
 QElapsedTimer& sinceStart()
 {
     static QElapsedTimer started;
@@ -39,38 +26,25 @@ QElapsedTimer& sinceStart()
     return started;
 }
 
-void onSignal(int) {}
-
 } // namespace
 
 Controller::Controller(const char* bindPath)
     : master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
     , stopPipe{-1, -1}
 {
-    if (master < 0 || grantpt(master) < 0 || unlockpt(master) < 0) {
-        failed("cannot open a pseudo-terminal", "/dev/ptmx");
-        return;
-    }
-    slavePath = ptsname(master);
+    if (master < 0 || grantpt(master) < 0 || unlockpt(master) < 0 || pipe2(stopPipe, O_CLOEXEC) < 0)
+        perror("controller: cannot make a pseudo-terminal");
+    slavePath = master < 0 ? "" : ptsname(master);
     if (bindPath && privateTree::bindFile(slavePath.constData(), bindPath))
         boundAt = bindPath;
-    if (pipe2(stopPipe, O_CLOEXEC) < 0)
-        failed("cannot make a pipe", "");
 }
 
 Controller::~Controller()
 {
-    if (worker.joinable()) {
-        const char stop = 's';
-        if (::write(stopPipe[1], &stop, 1) < 0)
-            failed("cannot stop", "controller");
-        worker.join();
-    }
+    hangUp();
     ::close(stopPipe[0]);
     ::close(stopPipe[1]);
-    hangUp();
-    // Lazily: a port of the link under test may still hold the device. The
-    // mount point goes too, unless another controller is bound there still.
+    // Lazily: a port of the link under test may still hold the device.
     if (!boundAt.isEmpty()) {
         umount2(boundAt.constData(), MNT_DETACH);
         unlink(boundAt.constData());
@@ -80,25 +54,16 @@ Controller::~Controller()
 void Controller::write(const QByteArray& bytes)
 {
     if (::write(master, bytes.constData(), static_cast<size_t>(bytes.size())) != bytes.size())
-        failed("cannot write to", slave());
-}
-
-QByteArray Controller::readWire(int quietMs)
-{
-    QByteArray bytes;
-    pollfd ready = {master, POLLIN, 0};
-    char chunk[4096];
-    while (poll(&ready, 1, quietMs) > 0) {
-        const ssize_t got = ::read(master, chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        bytes.append(chunk, static_cast<int>(got));
-    }
-    return bytes;
+        perror("controller: cannot write");
 }
 
 void Controller::hangUp()
 {
+    if (worker.joinable()) {
+        if (::write(stopPipe[1], "s", 1) < 0)
+            perror("controller: cannot stop");
+        worker.join();
+    }
     if (master >= 0)
         ::close(master);
     master = -1;
@@ -107,20 +72,13 @@ void Controller::hangUp()
 void Controller::start()
 {
     sinceStart();
-    worker = std::thread([this] { serve(); });
+    worker = std::thread([this] { serve(); served = true; });
 }
 
 void Controller::queue(const Reply& reply)
 {
     QMutexLocker locked(&lock);
     replies.append(reply);
-}
-
-void Controller::queue(const QByteArray& answer)
-{
-    Reply reply;
-    reply.chunks << answer;
-    queue(reply);
 }
 
 void Controller::answerAt(int exchange, const Reply& reply)
@@ -165,6 +123,14 @@ bool Controller::overlapped()
     return overlap;
 }
 
+QByteArray Controller::wire()
+{
+    for (int waited = 0; worker.joinable() && !served && waited < 3000; ++waited)
+        QThread::msleep(1);
+    QMutexLocker locked(&lock);
+    return wireBytes;
+}
+
 void Controller::serve()
 {
     QByteArray pending;
@@ -177,32 +143,25 @@ void Controller::serve()
         if (got <= 0)
             return;
         pending.append(chunk, static_cast<int>(got));
+        {
+            QMutexLocker locked(&lock);
+            wireBytes.append(chunk, static_cast<int>(got));
+        }
         int end;
         while ((end = pending.indexOf("\r\n")) >= 0) {
-            QByteArray command = pending.left(end);
+            const QByteArray command = pending.left(end).mid(pending.startsWith('~') ? 1 : 0);
             pending.remove(0, end + 2);
-            if (command.startsWith('~'))
-                command.remove(0, 1);
-            if (!pending.isEmpty()) {
-                QMutexLocker locked(&lock);
-                overlap = true;
+            const Reply reply = replyTo(command);
+            for (const QByteArray& answer : reply.chunks) {
+                QThread::msleep(static_cast<unsigned long>(reply.pauseMs));
+                pollfd early = {master, POLLIN, 0};
+                if (!pending.isEmpty() || poll(&early, 1, 0) > 0) {
+                    QMutexLocker locked(&lock);
+                    overlap = true;
+                }
+                write(answer);
             }
-            answer(command);
         }
-    }
-}
-
-void Controller::answer(const QByteArray& command)
-{
-    const Reply reply = replyTo(command);
-    for (const QByteArray& chunk : reply.chunks) {
-        QThread::msleep(static_cast<unsigned long>(reply.pauseMs));
-        pollfd early = {master, POLLIN, 0};
-        if (poll(&early, 1, 0) > 0) {
-            QMutexLocker locked(&lock);
-            overlap = true;
-        }
-        write(chunk);
     }
 }
 
@@ -219,46 +178,12 @@ Reply Controller::replyTo(const QByteArray& command)
     if (echoPauseMs >= 0) {
         reply.chunks << "ok 5 " + command + "\r\n";
         reply.pauseMs = echoPauseMs;
-        return reply;
+    } else if (freeSlots >= 0) {
+        const bool zero = command == "M117" && zeroPollsLeft > 0;
+        zeroPollsLeft -= zero;
+        reply.chunks << "ok " + QByteArray::number(zero ? 0 : freeSlots) + "\r\n";
     }
-    int count = freeSlots;
-    if (command == statusQuery && zeroPollsLeft > 0) {
-        --zeroPollsLeft;
-        count = 0;
-    }
-    reply.chunks << "ok " + QByteArray::number(count) + "\r\n";
     return reply;
-}
-
-bool Runner::interruptRead()
-{
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = onSignal;
-    sigaction(SIGCHLD, &action, nullptr);
-
-    const auto waitInRead = [](int fd) {
-        char byte;
-        if (read(fd, &byte, 1) < 0) {
-        }
-    };
-    QElapsedTimer waited;
-    waited.start();
-    while (!done && waited.elapsed() < 10000) {
-        if (tid && sandbox::sleepsLike(tid, waitInRead))
-            return pthread_kill(thread.native_handle(), SIGCHLD) == 0;
-        QThread::msleep(1);
-    }
-    return false;
-}
-
-bool Runner::waitDone(int timeoutMs)
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (!done && waited.elapsed() < timeoutMs)
-        QThread::msleep(1);
-    return done;
 }
 
 } // namespace controller

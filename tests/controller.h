@@ -10,13 +10,9 @@
 #include <atomic>
 #include <thread>
 
-#include <pthread.h>
-#include <sys/types.h>
-#include <unistd.h>
-
 // A simulated printer controller on the master side of a pseudo-terminal,
-// for the serial port and the command link, and what their tests need
-// around it. Used inside the test sandbox only.
+// for the tests of the serial port and the command link and for
+// tools/sim-printer. Used inside a private mount namespace only.
 namespace controller {
 
 // One answer to one command: the chunks are written one after another,
@@ -33,39 +29,36 @@ public:
     // there for the life of the controller. Nothing answers until start().
     explicit Controller(const char* bindPath = nullptr);
     ~Controller();
-
     Controller(const Controller&) = delete;
     Controller& operator=(const Controller&) = delete;
 
     const char* slave() const { return slavePath.constData(); }
-
-    // Direct access for the port's tests, before start().
     void write(const QByteArray& bytes);
-    QByteArray readWire(int quietMs);
+    // Stops answering and closes the master side.
     void hangUp();
 
     // Answers every framed command on a thread of its own from now on: the
-    // next queued reply, or else "ok <free slots>\r\n", where "M117" reports
-    // 0 while zero polls are left.
+    // reply for that exchange (1: the first command), else the next queued
+    // one, else "ok <free slots>\r\n" (nothing while the count is below 0),
+    // where "M117" reports 0 while zero polls are left, else, once echoing,
+    // "ok 5 <command>" after the pause, noting any command that comes in
+    // while an answer is still due.
     void start();
     void queue(const Reply& reply);
-    void queue(const QByteArray& answer);
-    // The reply to the exchange of that number (1: the first command that
-    // arrives), before any queued one.
     void answerAt(int exchange, const Reply& reply);
     void setFreeSlots(int count);
     void zeroPolls(int polls);
-    // Answers "ok 5 <command>" after pauseMs, noting any command that comes
-    // in while an answer is still due.
     void echoAfter(int pauseMs);
 
     QStringList commands();
     QList<qint64> arrivalsMs();
     bool overlapped();
+    // Every byte received, once the line has fallen silent: every port on
+    // it closed (or at most three seconds).
+    QByteArray wire();
 
 private:
     void serve();
-    void answer(const QByteArray& command);
     Reply replyTo(const QByteArray& command);
 
     int master;
@@ -73,6 +66,7 @@ private:
     QByteArray boundAt;
     int stopPipe[2];
     std::thread worker;
+    std::atomic<bool> served{false};
 
     QMutex lock;
     QList<Reply> replies;
@@ -83,33 +77,7 @@ private:
     bool overlap = false;
     QStringList received;
     QList<qint64> arrivals;
-};
-
-// A thread that records its kernel thread id, so that a test can wait until
-// it blocks in read(2) and interrupt it there.
-class Runner
-{
-public:
-    template <typename Work>
-    explicit Runner(Work work)
-        : thread([this, work] {
-            tid = gettid();
-            work();
-            done = true;
-        })
-    {
-    }
-    ~Runner() { thread.join(); }
-
-    // Sends SIGCHLD, whose handler is installed without SA_RESTART as the
-    // daemon's is, once the thread waits in read(2): the read fails with EINTR.
-    bool interruptRead();
-    bool waitDone(int timeoutMs);
-
-private:
-    std::atomic<pid_t> tid{0};
-    std::atomic<bool> done{false};
-    std::thread thread;
+    QByteArray wireBytes;
 };
 
 } // namespace controller

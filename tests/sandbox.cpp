@@ -142,18 +142,6 @@ void unbindMountTable()
     umount2(mountTable, MNT_DETACH);
 }
 
-const char signalFile[] = "/proc/sys/kernel/hostname";
-
-bool makeSignalLine()
-{
-    return unshare(CLONE_NEWUTS) == 0;
-}
-
-bool setSignalLevel(const QByteArray& text)
-{
-    return sethostname(text.constData(), text.size()) == 0;
-}
-
 bool sleepsLike(pid_t tid, void (*wait)(int fd))
 {
     static std::map<void (*)(int), QByteArray> learnt;
@@ -202,31 +190,13 @@ QByteArray OutputCapture::text()
 
 namespace {
 
-struct Message {
-    QtMsgType type;
-    QString text;
-    bool onMainThread;
-};
-
 QMutex messagesLock;
-QList<Message> messages;
+QStringList messages;
 
-void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    const QCoreApplication* app = QCoreApplication::instance();
-    const bool onMainThread = app && QThread::currentThread() == app->thread();
-    QMutexLocker locked(&messagesLock);
-    messages.append({type, text, onMainThread});
-}
-
-template <typename Select>
-QStringList collect(Select select)
+void keepMessage(QtMsgType, const QMessageLogContext&, const QString& text)
 {
     QMutexLocker locked(&messagesLock);
-    QStringList selected;
-    for (const Message& message : messages)
-        select(message, selected);
-    return selected;
+    messages.append(text);
 }
 
 } // namespace
@@ -245,7 +215,8 @@ MessageLog::~MessageLog()
 
 QStringList MessageLog::texts()
 {
-    return collect([](const Message& message, QStringList& into) { into << message.text; });
+    QMutexLocker locked(&messagesLock);
+    return messages;
 }
 
 QStringList MessageLog::take()
@@ -254,39 +225,6 @@ QStringList MessageLog::take()
     QMutexLocker locked(&messagesLock);
     messages.clear();
     return taken;
-}
-
-QStringList MessageLog::onMainThread()
-{
-    return collect([](const Message& message, QStringList& into) {
-        if (message.onMainThread)
-            into << message.text;
-    });
-}
-
-QStringList MessageLog::onOtherThreads()
-{
-    return collect([](const Message& message, QStringList& into) {
-        if (!message.onMainThread)
-            into << message.text;
-    });
-}
-
-QStringList MessageLog::tagged()
-{
-    return collect([](const Message& message, QStringList& into) {
-        into << (message.type == QtWarningMsg ? "W " : "D ") + message.text;
-    });
-}
-
-QStringList MessageLog::taggedWithPrefix(const QString& prefix)
-{
-    QStringList found;
-    for (const QString& message : tagged()) {
-        if (message.startsWith(prefix))
-            found << message;
-    }
-    return found;
 }
 
 } // namespace sandbox

@@ -48,14 +48,6 @@ bool mountGpioTree();
 bool bindMountTable(const QString& path);
 void unbindMountTable();
 
-// A power-signal stand-in: the host name of a private UTS namespace, entered
-// by the calling thread and the threads it starts later. Its file wakes poll
-// with POLLPRI on every change, as an edge does a GPIO value file, and reads
-// back the text set with a line feed.
-extern const char signalFile[];
-bool makeSignalLine();
-bool setSignalLevel(const QByteArray& text);
-
 // Whether the thread sleeps in the call that the given wait on the read end
 // of an empty pipe sleeps in. The call is learnt once per wait from a thread
 // of the caller's own, as /proc shows it: under user-mode emulation that is
@@ -91,11 +83,6 @@ public:
     QStringList texts();
     // The texts so far; the log starts empty again.
     QStringList take();
-    QStringList onMainThread();
-    QStringList onOtherThreads();
-    // "D text" for a debug message, "W text" for a warning.
-    QStringList tagged();
-    QStringList taggedWithPrefix(const QString& prefix);
 };
 
 // Enters the sandbox, then runs the test object under a QApplication.
