@@ -6,8 +6,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMutex>
-#include <QThread>
 #include <QtTest>
 
 #include <atomic>
@@ -27,6 +25,7 @@ namespace sandbox {
 const char cardDir[] = "/tmp/mnt/dev/mmcblk0p3";
 const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
 const char livePath[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles/shutDown.log";
+const char recordTime[] = "\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}";
 const char childProgram[] = "/opt/project/Tolven-ii";
 
 using privateTree::mountTmpfs;
@@ -186,45 +185,6 @@ QByteArray OutputCapture::text()
         at += got;
     }
     return bytes;
-}
-
-namespace {
-
-QMutex messagesLock;
-QStringList messages;
-
-void keepMessage(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    QMutexLocker locked(&messagesLock);
-    messages.append(text);
-}
-
-} // namespace
-
-MessageLog::MessageLog()
-{
-    QMutexLocker locked(&messagesLock);
-    messages.clear();
-    qInstallMessageHandler(keepMessage);
-}
-
-MessageLog::~MessageLog()
-{
-    qInstallMessageHandler(nullptr);
-}
-
-QStringList MessageLog::texts()
-{
-    QMutexLocker locked(&messagesLock);
-    return messages;
-}
-
-QStringList MessageLog::take()
-{
-    const QStringList taken = texts();
-    QMutexLocker locked(&messagesLock);
-    messages.clear();
-    return taken;
 }
 
 } // namespace sandbox

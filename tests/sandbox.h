@@ -26,6 +26,7 @@ bool enter();
 extern const char cardDir[];      // the SD-card partition the daemon works in
 extern const char logDir[];       // the daemon's log directory on it
 extern const char livePath[];     // the live log file
+extern const char recordTime[];   // the UTC time that begins every record, as a pattern
 extern const char childProgram[]; // where the appliance's program is started from
 
 // Writes a shell script at the child program's path.
@@ -69,20 +70,6 @@ private:
     int streamFd;
     int savedFd;
     int captureFd;
-};
-
-// Every Qt message the process raises while it lives, from any thread.
-class MessageLog
-{
-public:
-    MessageLog();
-    ~MessageLog();
-    MessageLog(const MessageLog&) = delete;
-    MessageLog& operator=(const MessageLog&) = delete;
-
-    QStringList texts();
-    // The texts so far; the log starts empty again.
-    QStringList take();
 };
 
 // Enters the sandbox, then runs the test object under a QApplication.

@@ -19,14 +19,18 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(); // GCC ships no hea
 size_t heapInUse() { return __sanitizer_get_current_allocated_bytes(); }
 #else
 #include <malloc.h>
-size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+size_t heapInUse()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
 #endif
 
 using sandbox::readFile;
 
 namespace {
 
-const QRegularExpression stamp("^\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}", QRegularExpression::MultilineOption);
+const QRegularExpression stamp(QString("^") + sandbox::recordTime, QRegularExpression::MultilineOption);
 
 // The rows of a tab-separated table in golden/, "\n" in a field a line break.
 void addRows(const char* table, std::initializer_list<const char*> columns)
