@@ -26,7 +26,7 @@ private slots:
     void on_pushButton_clicked();
 
 private:
-    friend class tst_MainWindow;
+    friend class tst_transcripts;
 
     void buildFaultText();
     void styleAcceptButton();

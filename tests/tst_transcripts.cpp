@@ -1,43 +1,44 @@
-// Replays the golden transcripts of the components: the serial port and the
-// printer command link against a simulated controller on a real
-// pseudo-terminal, the debug switch, the sysfs GPIO functions on a tmpfs
-// tree, the mount table and the power-signal watcher (on the test machine's
-// kernel, tests/kernel). A transcript is a list of steps ("> step ARGS")
-// each followed by what it must give: "= " its result, "1 " and "2 " its
-// standard output and error, "D " and "W " the Qt messages it raised, at the
-// end "wire " what each controller received. Bytes are written with \r, \n,
-// \t, \\, \xHH, and X\{N} for N bytes X in a row. Once a watcher runs on a
-// thread of its own ("> start"), its messages (tagged with its number) are
-// given by "> await COUNT PREFIX" and "> quiet", its standard error by
-// "> errors" (the distinct lines).
+// Replays the golden transcripts of one folder (TRANSCRIPTS, README.md there
+// describes them): the components on a real pseudo-terminal and a tmpfs, the
+// daemon and the owners as processes through a shell, the watcher on the test
+// machine's kernel (tests/kernel).
 #include "OutputControl.h"
 #include "controller.h"
+#include "main.h"
+#include "monitor.h"
 #include "privateTree.h"
-#include "sandbox.h"
+#include "shutLog.h"
 #include "shutMyGpio.h"
 #include "shutSerial.h"
 #include "shutSerialObject.h"
 #include "sysfsGpio.h"
+#ifdef WITH_SCREEN
+#include "mainwindow.h"
+#include <QApplication>
+#include <QGraphicsView>
+#include <QLabel>
+#include <QPushButton>
+#endif
 
 #include <QtTest>
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
-#include <functional>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 
 #include <fcntl.h>
 #include <linux/gpio.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <termios.h>
 #include <unistd.h>
 
-using sandbox::readFile;
-using sandbox::writeFile;
 typedef QList<QByteArray> Lines;
 
 #define CHECK(condition)                                                              \
@@ -46,10 +47,20 @@ typedef QList<QByteArray> Lines;
             return Lines();                                                           \
     } while (0)
 
+#ifdef __SANITIZE_ADDRESS__
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); // GCC ships no header for it
+size_t heapInUse() { return __sanitizer_get_current_allocated_bytes(); }
+#else
+size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+#endif
+
 namespace {
 
 const char specials[] = "\r\n\t\\";
 const char names[] = "rnt\\";
+const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
+// A record's time, shown as T when it is the last minute's in UTC.
+const QRegularExpression recordTime("\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}");
 
 bool waitFor(const std::function<bool()>& ready, int timeoutMs = 10000)
 {
@@ -58,6 +69,19 @@ bool waitFor(const std::function<bool()>& ready, int timeoutMs = 10000)
     while (!ready() && waited.elapsed() < timeoutMs)
         QTest::qWait(5);
     return ready();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(bytes);
 }
 
 QByteArray escaped(const QByteArray& bytes)
@@ -106,6 +130,28 @@ QByteArray unescaped(const QByteArray& text)
     return bytes;
 }
 
+QByteArray masked(QString text)
+{
+    for (QRegularExpressionMatchIterator it = recordTime.globalMatch(text); it.hasNext();) {
+        const QString found = it.next().captured();
+        QDateTime when = QDateTime::fromString(found, "yyyy.MM.dd hh:mm:ss.zzz");
+        when.setTimeSpec(Qt::UTC);
+        if (qAbs(when.secsTo(QDateTime::currentDateTimeUtc())) < 60)
+            text.replace(found, "T");
+    }
+    return escaped(text.toUtf8());
+}
+
+Lines outputLines(char stream, const QByteArray& text)
+{
+    Lines lines = text.isEmpty() ? Lines() : text.split('\n');
+    if (text.endsWith('\n'))
+        lines.removeLast();
+    for (QByteArray& line : lines)
+        line = stream + (" " + masked(QString::fromUtf8(line)));
+    return lines;
+}
+
 struct Message {
     QThread* thread;
     QByteArray line;
@@ -113,10 +159,16 @@ struct Message {
 QMutex messagesLock;
 QList<Message> messages;
 
+// The launcher's messages with its child's pid as PID.
+QString withoutPids(QString text)
+{
+    return text.replace(QRegularExpression("(pid: +|retv = +)\"[1-9]\\d*\""), "\\1\"PID\"");
+}
+
 void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
     QMutexLocker locked(&messagesLock);
-    messages.append({QThread::currentThread(), (type == QtWarningMsg ? "W " : "D ") + escaped(text.toUtf8())});
+    messages.append({QThread::currentThread(), (type == QtWarningMsg ? "W " : "D ") + escaped(withoutPids(text).toUtf8())});
 }
 
 // A watcher's run on a thread of its own; never destroyed, as run never returns.
@@ -163,45 +215,100 @@ Lines takeMessages(bool all)
     return lines;
 }
 
-int countOf(const QByteArray& prefix)
+int countOf(const QByteArray& text)
 {
     QMutexLocker locked(&messagesLock);
     int count = 0;
     for (const Message& message : messages)
-        count += message.line.mid(2).startsWith(prefix);
+        count += message.line.contains(text);
     return count;
+}
+
+// The first field of /proc/self/task/<tid>/syscall: the call the thread
+// sleeps in, by number, or "running".
+QByteArray callOf(pid_t tid)
+{
+    return readFile(QString("/proc/self/task/%1/syscall").arg(tid)).split(' ').value(0);
+}
+
+// Whether the thread sleeps in the call that the wait sleeps in on the read
+// end of an empty pipe. The call is learnt once per wait from a thread of our
+// own, as /proc shows it: under user-mode emulation, the host's number.
+bool sleepsLike(pid_t tid, void (*wait)(int fd))
+{
+    static QMap<void (*)(int), QByteArray> learnt;
+    QByteArray& shown = learnt[wait];
+    int ends[2];
+    if (shown.isEmpty() && pipe2(ends, O_CLOEXEC) == 0) {
+        std::atomic<pid_t> sleeper(0);
+        std::thread waiting([&] { sleeper = gettid(); wait(ends[0]); });
+        // The same call twice, 50 ms apart: asleep in it, not on the way in.
+        for (QByteArray last; shown.isEmpty() && waitFor([&] { return sleeper != 0; }); last = callOf(sleeper)) {
+            QThread::msleep(50);
+            if (callOf(sleeper) == last && last != "running")
+                shown = last;
+        }
+        close(ends[1]);
+        waiting.join();
+        close(ends[0]);
+    }
+    return !shown.isEmpty() && callOf(tid) == shown;
 }
 
 bool sleepsInPoll(pid_t tid)
 {
-    return sandbox::sleepsLike(tid, [](int fd) { pollfd wait = {fd, POLLIN, 0}; poll(&wait, 1, -1); });
+    return sleepsLike(tid, [](int fd) { pollfd wait = {fd, POLLIN, 0}; poll(&wait, 1, -1); });
 }
 
 bool sleepsInRead(pid_t tid)
 {
-    return sandbox::sleepsLike(tid, [](int fd) { char byte; return void(read(fd, &byte, 1)); });
+    return sleepsLike(tid, [](int fd) { char byte; return void(read(fd, &byte, 1)); });
 }
+
+// Everything written to a standard stream while it lives.
+class OutputCapture
+{
+public:
+    explicit OutputCapture(int stream)
+        : stream(stream), saved(dup(stream)), capture(open("/tmp", O_TMPFILE | O_RDWR, 0600))
+    {
+        fflush(nullptr);
+        dup2(capture, stream);
+    }
+    ~OutputCapture()
+    {
+        // A failure Qt Test reports meanwhile must still be seen.
+        const QByteArray failed = QTest::currentTestFailed() ? text() : QByteArray();
+        dup2(saved, stream);
+        close(capture);
+        close(saved);
+        if (write(stream, failed.constData(), failed.size()) < 0)
+            perror("capture");
+    }
+    QByteArray text()
+    {
+        fflush(nullptr);
+        QFile file;
+        return file.open(capture, QIODevice::ReadOnly) && file.seek(0) ? file.readAll() : QByteArray();
+    }
+
+private:
+    int stream, saved, capture;
+};
+
+// The SIGCHLD handler a launch installs, taken back once the step is over:
+// the shell of later steps needs Qt's.
+struct ChildHandlerKept {
+    struct sigaction kept;
+    ChildHandlerKept() { sigaction(SIGCHLD, nullptr, &kept); }
+    ~ChildHandlerKept() { sigaction(SIGCHLD, &kept, nullptr); }
+};
 
 // /dev/ttyO1 made where the test may bind a pseudo-terminal's slave.
 bool privateDevices()
 {
     static const bool made = privateTree::privateDev();
     return made;
-}
-
-Lines outputLines(char stream, const QByteArray& text)
-{
-    Lines lines = text.isEmpty() ? Lines() : text.split('\n');
-    if (text.endsWith('\n'))
-        lines.removeLast();
-    for (QByteArray& line : lines)
-        line = stream + (" " + escaped(line));
-    return lines;
-}
-
-QByteArray result(int value, std::string& errmsg)
-{
-    return QByteArray::number(value) + (value < 0 ? " " + QByteArray::fromStdString(errmsg) : QByteArray());
 }
 
 QByteArray quoted(const std::string& text)
@@ -220,7 +327,9 @@ class tst_transcripts : public QObject
     std::unique_ptr<shutSerialObject> link;
     std::unique_ptr<shutMyGpio> watcher;
     std::unique_ptr<OutputControl> debugSwitch;
-    std::unique_ptr<sandbox::OutputCapture> watcherErrors;
+    std::unique_ptr<shutLog> log;
+    std::unique_ptr<OutputCapture> watcherErrors;
+    QProcess shell;
     int valueFd = -1;
     int ownFd = -1;
     int heldLine = -1;
@@ -228,13 +337,35 @@ class tst_transcripts : public QObject
 
     controller::Controller& printer() { return *controllers.back(); }
 
+    // One shell for the whole transcript, so that its variables and
+    // functions carry from step to step; its output and status are the step's.
+    Lines sh(const QByteArray& command)
+    {
+        if (shell.state() == QProcess::NotRunning) {
+            shell.setProcessChannelMode(QProcess::MergedChannels);
+            shell.start(QFile::exists("/bin/bash") ? "/bin/bash" : "/bin/sh", QStringList());
+            CHECK(shell.waitForStarted());
+            shell.write(qgetenv("STEPS").isEmpty() ? "" : ". \"$STEPS\"\n");
+        }
+        shell.write("{ " + command + "\n} </dev/null 2>&1; echo \"\x01$?\"\n");
+        QByteArray out;
+        while (shell.state() == QProcess::Running && !(out.contains('\x01') && out.endsWith('\n'))) {
+            shell.waitForReadyRead(100);
+            out += shell.readAll();
+        }
+        const int status = out.mid(out.indexOf('\x01') + 1).toInt();
+        return outputLines('1', out.left(out.indexOf('\x01'))) + (status ? Lines{"= status " + QByteArray::number(status)} : Lines());
+    }
+
     // What one step gives as its result; its output and messages are the caller's.
     Lines step(const QByteArray& name, const Lines& args, const QByteArray& rest)
     {
         const int n = args.value(0).toInt();
         const QByteArray arg1 = unescaped(rest.mid(rest.indexOf(' ') + 1));
         std::string text = unescaped(rest).toStdString();
-        if (name == "controller") {
+        if (name == "sh") {
+            return sh(rest);
+        } else if (name == "controller") {
             CHECK(privateDevices());
             controllers.emplace_back(new controller::Controller("/dev/ttyO1"));
             printer().start();
@@ -253,7 +384,8 @@ class tst_transcripts : public QObject
             port.reset(); // the settings it restores are not the next port's
             port.reset(new shutSerial(text));
         } else if (name == "open" || name == "close" || name == "send") {
-            return {result(name == "open" ? port->open() : name == "close" ? port->close() : port->send(text), port->errmsg())};
+            const int result = name == "open" ? port->open() : name == "close" ? port->close() : port->send(text);
+            return {QByteArray::number(result) + (result < 0 ? " " + QByteArray::fromStdString(port->errmsg()) : "")};
         } else if (name == "recv") {
             std::string line;
             const int length = port->recv(line);
@@ -271,13 +403,10 @@ class tst_transcripts : public QObject
                         .arg(cfgetispeed(&now)).arg(cfgetospeed(&now))
                         .arg(QString(QByteArray(reinterpret_cast<char*>(now.c_cc), NCCS).toHex())).toUtf8()};
         } else if (name == "interrupted") {
-            // The step runs on a thread of its own, where SIGCHLD, whose
-            // handler is installed without SA_RESTART as the daemon's is,
-            // reaches it asleep in read(2): a signal between two reads
-            // interrupts nothing, so it is sent again until the step ends.
-            struct sigaction action = {};
-            action.sa_handler = [](int) {};
-            sigaction(SIGCHLD, &action, nullptr);
+            // The step runs on a thread of its own, which SIGUSR1, whose
+            // handler is installed without SA_RESTART as the daemon's SIGCHLD
+            // handler is, reaches asleep in read(2); a signal between two
+            // reads interrupts nothing, so it is sent again until the step ends.
             std::atomic<pid_t> tid(0);
             std::atomic<bool> done(false);
             Lines given;
@@ -287,7 +416,7 @@ class tst_transcripts : public QObject
                 done = true;
             });
             for (int tries = 0; tries < 5000 && !done; ++tries) {
-                if (tid && sleepsInRead(tid) && pthread_kill(worker.native_handle(), SIGCHLD) == 0)
+                if (tid && sleepsInRead(tid) && pthread_kill(worker.native_handle(), SIGUSR1) == 0)
                     QTest::qWait(200);
                 QThread::msleep(1);
             }
@@ -343,8 +472,6 @@ class tst_transcripts : public QObject
             CHECK(name != "full" || QFile::link("/dev/full", args[0]));
         } else if (name == "cat") {
             return {quoted(readFile(args[0]).toStdString())};
-        } else if (name == "gpio-tree") {
-            CHECK(sandbox::mountGpioTree());
         } else if (name == "exported") {
             for (const char* file : {"direction", "value", "edge"})
                 step("put", {QString("/sys/class/gpio/gpio%1/%2").arg(n).arg(file).toUtf8()}, "");
@@ -372,11 +499,10 @@ class tst_transcripts : public QObject
             }
             return {QByteArray::number(r) + (f == "gpio_get_value" ? " " + QByteArray::number(level) : "")};
         } else if (name == "table") {
+            // Bound over /proc/self/mounts, which only this process sees.
             umount2("/proc/mounts", MNT_DETACH);
             writeFile("/tmp/mounts", unescaped(rest));
-            CHECK(sandbox::bindMountTable("/tmp/mounts"));
-        } else if (name == "chmod") {
-            CHECK(QFile::setPermissions(args[0], QFileDevice::Permissions(args[1].toInt(nullptr, 16))));
+            CHECK(mount("/tmp/mounts", "/proc/mounts", nullptr, MS_BIND, nullptr) == 0);
         } else if (name == "as-nobody") {
             // access() judges by the real user, for whom root's rights do not count.
             CHECK(setresuid(65534, 0, 0) == 0);
@@ -407,15 +533,6 @@ class tst_transcripts : public QObject
             const int woke = watcher->handleWake(directory);
             close(directory);
             return {QByteArray::number(woke)};
-        } else if (name == "mount") {
-            CHECK(QDir().mkpath(args[1]) && mount(args[0].constData(), args[1].constData(), "tmpfs", 0, nullptr) == 0);
-        } else if (name == "input") {
-            // The level gpio-mockup gives its input line.
-            writeFile("/sys/kernel/debug/gpio-mockup/gpiochip0/" + args[0], args[1]);
-        } else if (name == "debug-row") {
-            for (const QByteArray& row : readFile("/sys/kernel/debug/gpio").split('\n'))
-                if (row.trimmed().startsWith("gpio-" + args[0] + " "))
-                    return {row.simplified()};
         } else if (name == "hold") {
             // Another user of the line, through the chip's character device.
             const int chip = open("/dev/gpiochip0", O_RDONLY);
@@ -453,9 +570,6 @@ class tst_transcripts : public QObject
         } else if (name == "interrupt") {
             // A signal whose handler is installed without SA_RESTART, sent
             // while the watcher waits; it is handled before the next step.
-            struct sigaction action = {};
-            action.sa_handler = [](int) { interrupted = 1; };
-            sigaction(SIGUSR1, &action, nullptr);
             interrupted = 0;
             CHECK(waitFor([&] { return sleepsInPoll(running[n - 1]->tid); }));
             pthread_kill(running[n - 1]->handle, SIGUSR1);
@@ -483,16 +597,171 @@ class tst_transcripts : public QObject
             std::sort(lines.begin(), lines.end());
             lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
             return name == "retries" ? Lines({verdict}) + lines : lines;
+        } else if (name == "log") {
+            log.reset(new shutLog(args[0].constData(), "shutDown.log", args[1].toInt(), args[2].toInt()));
+        } else if (name == "open-log" || name == "close-log" || name == "size") {
+            return {QByteArray::number(name == "open-log" ? log->openLog() : name == "close-log" ? log->closeLog() : log->getFileSize())};
+        } else if (name == "save") {
+            return {QByteArray::number(log->saveLog(QtMsgType(n), QMessageLogContext("file.cpp", 7, "fn", "cat"), QString::fromUtf8(arg1)))};
+        } else if (name == "save-huge") {
+            // Written whole, it leaves no buffer of its size behind.
+            const size_t before = heapInUse();
+            const int saved = log->saveLog(QtDebugMsg, QMessageLogContext(), QString(n << 20, QChar('h')));
+            return {QByteArray::number(saved) + (heapInUse() < before + (1 << 20) ? ", under 1 MiB kept" : ", its buffer kept")};
+        } else if (name == "threads") {
+            // Threads raising messages at once through the daemon's handler:
+            // every record whole, once and in its thread's order.
+            logFlag = log.get();
+            qInstallMessageHandler(onShowMsg);
+            std::vector<std::thread> writers;
+            for (int t = 0; t < n; ++t)
+                writers.emplace_back([t, &args] {
+                    for (int i = 0; i < args[1].toInt(); ++i)
+                        qDebug() << "thread" << t << "record" << i;
+                });
+            for (std::thread& writer : writers)
+                writer.join();
+            qInstallMessageHandler(keepMessage);
+            logFlag = nullptr;
+            log.reset();
+            std::vector<int> next(n, 0);
+            const QRegularExpression record(recordTime.pattern() + " <DEBUG> thread (\\d) record (\\d+)$");
+            for (int k = 100; k >= 0; --k) { // oldest first
+                const QString path = QString(args[2]) + "/shutDown.log" + (k ? "." + QString::number(k) : "");
+                for (const QString& line : QString::fromUtf8(readFile(path)).split('\n')) {
+                    const QRegularExpressionMatch match = record.match(line);
+                    if (!line.isEmpty() && (!match.hasMatch() || match.captured(2).toInt() != next[match.captured(1).toInt()]++))
+                        return {"out of place: " + line.toUtf8()};
+                }
+            }
+            return {next == std::vector<int>(n, args[1].toInt()) ? "every record whole, once, in order" : "records lost"};
+        } else if (name == "forks") {
+            // A thread that logs without pause, started with SIGCHLD held as
+            // Qt's threads are in the daemon: children forked meanwhile, whose
+            // program is missing, say why and end; the main thread logs while
+            // it waits, so each end interrupts its records.
+            ChildHandlerKept kept;
+            QDir().mkpath(logDir);
+            logFlag = new shutLog(logDir, "shutDown.log", INT_MAX, 6);
+            static std::atomic<int> ends(0);
+            qInstallMessageHandler([](QtMsgType type, const QMessageLogContext& context, const QString& msg) {
+                onShowMsg(type, context, msg);
+                ends += msg.contains("child exited normally");
+            });
+            // The C library loads its message catalogue at the first strerror:
+            // done here, not in a child forked while the busy thread holds
+            // AddressSanitizer's allocator lock, which its runtime does not take
+            // across fork (glibc's own malloc is safe there).
+            strerror(ENOENT);
+            std::atomic<bool> stop(false);
+            sigset_t mask, held;
+            sigemptyset(&held);
+            sigaddset(&held, SIGCHLD);
+            pthread_sigmask(SIG_BLOCK, &held, nullptr);
+            std::thread busy([&] {
+                pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+                while (!stop)
+                    qDebug() << "busy";
+            });
+            int mine = 0;
+            for (int round = 0; round < n && ends == round; ++round) {
+                CHECK(startFork() == 0);
+                for (QElapsedTimer waited; ends <= round && waited.elapsed() < 10000; QCoreApplication::processEvents())
+                    qDebug() << "main" << mine++;
+            }
+            stop = true;
+            busy.join();
+            qInstallMessageHandler(keepMessage);
+            delete logFlag;
+            logFlag = nullptr;
+            QMap<QString, int> launcher;
+            int next = 0;
+            for (const QString& line : QString::fromUtf8(readFile(QString(logDir) + "/shutDown.log")).split('\n')) {
+                const QString record = masked(withoutPids(line));
+                if (record == "T <DEBUG> main " + QString::number(next))
+                    ++next;
+                else if (!line.isEmpty() && record != "T <DEBUG> busy")
+                    ++launcher[record];
+            }
+            Lines said = {sigismember(&mask, SIGCHLD) ? "SIGCHLD held by the busy thread" : "SIGCHLD open in the busy thread",
+                          next == mine ? "the main thread's records in order" : "the main thread's records out of order"};
+            for (const QString& line : launcher.keys())
+                said << QByteArray::number(launcher[line]) + " x " + line.toUtf8();
+            return said;
+#ifdef WITH_SCREEN
+        } else if (name == "screen") {
+            // Built as the daemon builds it, with the child program it starts.
+            ChildHandlerKept kept;
+            MainWindow window;
+            QPushButton* button = window.findChild<QPushButton*>("pushButton");
+            button->click();
+            bool shown = false;
+            for (QWindow* top : QGuiApplication::allWindows())
+                shown = shown || top->isVisible();
+            CHECK(waitFor([] { return countOf("child exited normally") > 0; }));
+            const QImage picture = window.view->grab().toImage();
+            CHECK(qgetenv("FAULT_SCREEN_PNG").isEmpty() || picture.save(qgetenv("FAULT_SCREEN_PNG")));
+            Lines said = {escaped(window.label->text().toUtf8()), button->text().toUtf8(),
+                          (window.accepted ? "accepted, " : "") + QByteArray(shown ? "shown" : "hidden"),
+                          window.view->windowFlags() == (Qt::FramelessWindowHint | Qt::Window) ? "frameless" : "framed",
+                          window.view->testAttribute(Qt::WA_TranslucentBackground) ? "translucent" : "opaque",
+                          QByteArray::number(picture.width()) + "x" + QByteArray::number(picture.height())};
+            // A point of the window where it lands in the view's picture.
+            const int frame = window.view->frameWidth();
+            for (int i = 0; i + 1 < args.size(); i += 2) {
+                const QPoint at = window.view->mapFromScene(QPointF(args[i].toInt(), args[i + 1].toInt())) + QPoint(frame, frame);
+                said << args[i] + "," + args[i + 1] + " at " + QByteArray::number(at.x()) + "," + QByteArray::number(at.y())
+                            + " " + QColor(picture.pixel(at)).name().toUtf8();
+            }
+            int white = 0;
+            for (int x = 120; x < 320; ++x)
+                for (int y = 100; y < 150; ++y) {
+                    const QPoint at = window.view->mapFromScene(QPointF(x, y)) + QPoint(frame, frame);
+                    white += picture.rect().contains(at) && QColor(picture.pixel(at)) == Qt::white;
+                }
+            return said << (white > 50 ? "white text in the label" : "no text in the label");
+#endif
         } else {
             QTest::qFail("no such step: " + name, __FILE__, __LINE__);
         }
         return {};
     }
 
+    void startTranscript()
+    {
+#ifndef IN_TEST_MACHINE // where the machine is the test's own
+        // Fresh trees over the previous transcript's.
+        QVERIFY(privateTree::mountTmpfs("/tmp", "mode=1777") && privateTree::mountTmpfs("/opt", "mode=755"));
+        QVERIFY(QDir().mkpath(logDir) && QDir().mkpath("/opt/project"));
+#endif
+    }
+
+    void endTranscript()
+    {
+        shell.closeWriteChannel();
+        shell.waitForFinished();
+        port.reset();
+        link.reset();
+        watcher.reset();
+        watcherErrors.reset();
+        debugSwitch.reset();
+        log.reset();
+        umount2("/proc/mounts", MNT_DETACH);
+        close(ownFd);
+        ownFd = -1;
+#ifndef IN_TEST_MACHINE
+        umount2("/tmp", MNT_DETACH);
+        umount2("/opt", MNT_DETACH);
+#endif
+    }
+
 private slots:
     void initTestCase()
     {
         qInstallMessageHandler(keepMessage);
+        struct sigaction noRestart = {};
+        noRestart.sa_handler = [](int) { interrupted = 1; };
+        sigaction(SIGUSR1, &noRestart, nullptr);
         // The calls to wait in learnt now, not while a wait must be caught.
         sleepsInRead(0);
         sleepsInPoll(0);
@@ -501,7 +770,8 @@ private slots:
     void replay_data()
     {
         QTest::addColumn<QString>("path");
-        for (const QFileInfo& file : QDir(":/golden").entryInfoList())
+        const QString folder = qgetenv("TRANSCRIPTS").isEmpty() ? ":/golden" : qgetenv("TRANSCRIPTS");
+        for (const QFileInfo& file : QDir(folder).entryInfoList({"*.txt"}))
             QTest::newRow(qPrintable(file.baseName())) << file.filePath();
     }
 
@@ -510,6 +780,7 @@ private slots:
         QFETCH(QString, path);
         Lines expected;
         Lines actual;
+        startTranscript();
         for (const QByteArray& line : readFile(path).split('\n')) {
             if (line.isEmpty() || line.startsWith('#'))
                 continue;
@@ -520,30 +791,22 @@ private slots:
             const QByteArray command = line.mid(2);
             const QByteArray name = command.left(command.indexOf(' ') < 0 ? command.size() : command.indexOf(' '));
             const QByteArray rest = command.mid(name.size() + 1);
-            const Lines words = rest.split(' ');
-            std::unique_ptr<sandbox::OutputCapture> out(new sandbox::OutputCapture(STDOUT_FILENO));
+            std::unique_ptr<OutputCapture> out(new OutputCapture(STDOUT_FILENO));
             if (name == "start" && !watcherErrors)
-                watcherErrors.reset(new sandbox::OutputCapture(STDERR_FILENO));
-            std::unique_ptr<sandbox::OutputCapture> err(watcherErrors ? nullptr : new sandbox::OutputCapture(STDERR_FILENO));
-            for (const QByteArray& given : step(name, words, rest))
-                actual << "= " + given;
+                watcherErrors.reset(new OutputCapture(STDERR_FILENO));
+            std::unique_ptr<OutputCapture> err(watcherErrors ? nullptr : new OutputCapture(STDERR_FILENO));
+            for (const QByteArray& given : step(name, rest.split(' '), rest))
+                actual << (name == "sh" ? given : "= " + given);
             if (QTest::currentTestFailed())
                 break;
             actual << outputLines('1', out->text()) << (err ? outputLines('2', err->text()) : Lines());
             actual << takeMessages(false);
         }
-        port.reset();
-        link.reset();
-        watcher.reset();
-        watcherErrors.reset();
-        debugSwitch.reset();
-        sandbox::unbindMountTable();
-        close(ownFd);
-        ownFd = -1;
         while (!controllers.empty()) {
             actual << "wire \"" + escaped(printer().wire()) + "\"";
             controllers.pop_back();
         }
+        endTranscript();
         for (int i = 0; i < qMax(actual.size(), expected.size()); ++i) {
             if (actual.value(i) != expected.value(i) || QTest::currentTestFailed()) {
                 fprintf(stderr, "%s as replayed:\n%s\n", qPrintable(path), actual.join('\n').constData());
@@ -554,14 +817,18 @@ private slots:
     }
 };
 
-// QtCore alone: the components need nothing else, also in the test machine.
 int main(int argc, char** argv)
 {
-#ifndef IN_TEST_MACHINE // where everything is the test's own
-    if (!sandbox::enter())
+#ifndef IN_TEST_MACHINE
+    if (!privateTree::enter())
         return 1;
 #endif
+#ifdef WITH_SCREEN
+    QApplication app(argc, argv);
+#else
+    // QtCore alone: the components need nothing else.
     QCoreApplication app(argc, argv);
+#endif
     tst_transcripts test;
     return QTest::qExec(&test, argc, argv);
 }

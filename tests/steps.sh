@@ -1,0 +1,77 @@
+# The shell of a transcript's "> sh" steps reads this first.
+set -o pipefail
+card=/tmp/mnt/dev/mmcblk0p3
+log=$card/softShutDownLogFiles/shutDown.log
+# Whatever the transcript started ends with it; a program still waiting goes.
+trap 'pkill -KILL -P $$; touch /tmp/go' EXIT
+cd $card
+
+# Until the command succeeds, for at most ten seconds.
+within() {
+    for _ in $(seq 1000); do eval "$1" && return; sleep 0.01; done
+    echo "still not: $1"; return 1
+}
+# Until the file (the live log unless named) has N lines.
+await() { within "[ \$(cat ${2:-$log} 2>/dev/null | wc -l) -ge $1 ]"; }
+# The files of a log's folder by name, each line behind its file's name.
+files() {
+    for f in /tmp/log/*; do
+        if [ -d "$f" ]; then echo "${f##*/}/"; elif [ -s "$f" ]; then sed "s|^|${f##*/}: |" "$f"; else echo "${f##*/}: (empty)"; fi
+    done
+}
+# A fresh tmpfs for the kernel's GPIO tree (over /sys/class when the machine has none).
+gpio_tree() {
+    [ -d /sys/class/gpio ] || { mount -t tmpfs -o mode=755 gpio /sys/class && mkdir /sys/class/gpio; }
+    mount -t tmpfs -o mode=755 gpio /sys/class/gpio
+}
+# Numbers as N.
+n() { sed 's/[0-9]\+/N/g'; }
+
+# The appliance's program: a script, whose wait_go waits for /tmp/go.
+child() {
+    printf '#!/bin/sh\nwait_go() { until [ -e /tmp/go ]; do sleep 0.01; done; }\n%s\n' "$1" >/opt/project/Tolven-ii
+    chmod 755 /opt/project/Tolven-ii
+}
+child_pid() { sed -n 's/.*child \(start as \)\?pid:  "\([0-9]*\)".*/\2/p' "$log" | head -n 1; }
+# A file (missing: empty) with the child's pid as PID.
+show() { sed "s/\"$(child_pid)\"/\"PID\"/g" "$1" 2>/dev/null; true; }
+# The daemon in the background, started through the command given (env,
+# prlimit); standard error to /tmp/daemon.err.
+daemon() {
+    mkdir -p -m 700 /tmp/runtime
+    XDG_RUNTIME_DIR=/tmp/runtime "$@" $DAEMON 2>/tmp/daemon.err &
+    daemon=$!
+}
+# The daemon's exit status, once it has ended by itself.
+ended() { wait $daemon; echo "ended with $?"; }
+# The daemon still runs; it is killed, and whatever it would do, it has done.
+stop() { kill -0 $daemon && kill -KILL $daemon && wait $daemon; [ $? = 137 ]; }
+
+# The printer owner example as init starts it (a session leader) against the
+# simulated controller with the options given: what the controller received,
+# its status and streams. While a job that fails runs, every thread but its
+# main one must hold SIGCHLD.
+print_job() {
+    local out held=no status
+    out=$(mktemp -d /var/tmp/printJob.XXXXXX) # outside the controller's own /tmp
+    "$SIM" "$@" -- sh -c 'exec "$0" >"$1" 2>"$2"' "$OWNER" "$out/1" "$out/2" >"$out/sim" 2>&1 &
+    while kill -0 $! 2>/dev/null; do threads_hold_sigchld && held=yes; sleep 0.01; done
+    wait $!
+    status=$?
+    sed 's/, [0-9]* ms)/)/' "$out/sim"
+    echo "exit $status"
+    [ $status = 0 ] || echo "SIGCHLD held by the link's thread: $held"
+    echo "--- standard output"; cat "$out/1"; echo "--- standard error"; cat "$out/2"
+    rm -rf "$out"
+}
+threads_hold_sigchld() {
+    local pid task seen=1
+    for pid in $(pgrep -x printerOwner); do
+        for task in /proc/"$pid"/task/*; do
+            [ "${task##*/}" = "$pid" ] && continue
+            (( 0x$(sed -n 's/^SigBlk:\t//p' "$task/status") & 1 << 16 )) || return 1
+            seen=0
+        done
+    done
+    return $seen
+}
