@@ -32,7 +32,7 @@ child() {
     printf '#!/bin/sh\nwait_go() { until [ -e /tmp/go ]; do sleep 0.01; done; }\n%s\n' "$1" >/opt/project/Tolven-ii
     chmod 755 /opt/project/Tolven-ii
 }
-child_pid() { sed -n 's/.*child \(start as \)\?pid:  "\([0-9]*\)".*/\2/p' "$log" | head -n 1; }
+child_pid() { sed -n 's/.*child \(start as \)\?pid:  "\([0-9]*\)".*/\2/p' "$log" 2>/dev/null | head -n 1; }
 # A file (missing: empty) with the child's pid as PID.
 show() { sed "s/\"$(child_pid)\"/\"PID\"/g" "$1" 2>/dev/null; true; }
 # The daemon in the background, started through the command given (env,
@@ -45,7 +45,7 @@ daemon() {
 # The daemon's exit status, once it has ended by itself.
 ended() { wait $daemon; echo "ended with $?"; }
 # The daemon still runs; it is killed, and whatever it would do, it has done.
-stop() { kill -0 $daemon && kill -KILL $daemon && wait $daemon; [ $? = 137 ]; }
+stop() { kill -0 $daemon && kill -KILL $daemon && { wait $daemon; } 2>/dev/null; [ $? = 137 ]; }
 
 # The printer owner example as init starts it (a session leader) against the
 # simulated controller with the options given: what the controller received,
