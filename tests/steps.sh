@@ -65,11 +65,12 @@ print_job() {
     rm -rf "$out"
 }
 threads_hold_sigchld() {
-    local pid task seen=1
+    local pid task mask seen=1
     for pid in $(pgrep -x printerOwner); do
         for task in /proc/"$pid"/task/*; do
-            [ "${task##*/}" = "$pid" ] && continue
-            (( 0x$(sed -n 's/^SigBlk:\t//p' "$task/status") & 1 << 16 )) || return 1
+            mask=$(sed -n 's/^SigBlk:\t//p' "$task/status" 2>/dev/null)
+            [ "${task##*/}" = "$pid" ] || [ -z "$mask" ] && continue
+            (( 0x$mask & 1 << 16 )) || return 1
             seen=0
         done
     done
