@@ -22,6 +22,9 @@
 
 #include <QtTest>
 
+using controller::escaped;
+using controller::unescaped;
+
 #include <algorithm>
 #include <climits>
 #include <csignal>
@@ -56,8 +59,6 @@ size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 
 namespace {
 
-const char specials[] = "\r\n\t\\";
-const char names[] = "rnt\\";
 const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
 // A record's time, shown as T when it is the last minute's in UTC.
 const QRegularExpression recordTime("\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}");
@@ -84,52 +85,6 @@ void writeFile(const QString& path, const QByteArray& bytes)
         file.write(bytes);
 }
 
-QByteArray escaped(const QByteArray& bytes)
-{
-    QByteArray text;
-    for (int i = 0; i < bytes.size(); ++i) {
-        const uchar c = uchar(bytes[i]);
-        const char* special = c ? strchr(specials, c) : nullptr;
-        if (special)
-            text += QByteArray("\\") + names[special - specials];
-        else if (c < 0x20 || c == 0x7f)
-            text += "\\x" + QByteArray::number(c + 0x100, 16).mid(1);
-        else
-            text += char(c);
-        int run = 1;
-        while (i + run < bytes.size() && bytes[i + run] == bytes[i])
-            ++run;
-        if (run >= 16) {
-            text += "\\{" + QByteArray::number(run) + "}";
-            i += run - 1;
-        }
-    }
-    // Kept visible at the end of a line.
-    return text.endsWith(' ') ? text.left(text.size() - 1) + "\\x20" : text;
-}
-
-QByteArray unescaped(const QByteArray& text)
-{
-    QByteArray bytes;
-    for (int i = 0; i < text.size(); ++i) {
-        const char next = i + 1 < text.size() ? text[i + 1] : '\0';
-        if (text[i] != '\\' || !next || !strchr("rnt\\x{", next)) {
-            bytes += text[i];
-        } else if (next == 'x') {
-            bytes += char(text.mid(i + 2, 2).toInt(nullptr, 16));
-            i += 3;
-        } else if (next == '{') {
-            const int end = text.indexOf('}', i);
-            bytes += QByteArray(text.mid(i + 2, end - i - 2).toInt() - 1, bytes[bytes.size() - 1]);
-            i = end;
-        } else {
-            bytes += specials[strchr(names, next) - names];
-            ++i;
-        }
-    }
-    return bytes;
-}
-
 QByteArray masked(QString text)
 {
     for (QRegularExpressionMatchIterator it = recordTime.globalMatch(text); it.hasNext();) {
@@ -152,12 +107,18 @@ Lines outputLines(char stream, const QByteArray& text)
     return lines;
 }
 
-struct Message {
-    QThread* thread;
-    QByteArray line;
+// A watcher's run on a thread of its own; never destroyed, as run never returns.
+struct Running {
+    QThread thread;
+    std::atomic<pid_t> tid{0};
+    pthread_t handle = pthread_t();
 };
+QList<Running*> running;
+volatile sig_atomic_t interrupted = 0;
+
+// The Qt messages raised, each with the number of its watcher (0: none).
 QMutex messagesLock;
-QList<Message> messages;
+QList<QPair<int, QByteArray>> messages;
 
 // The launcher's messages with its child's pid as PID.
 QString withoutPids(QString text)
@@ -168,17 +129,12 @@ QString withoutPids(QString text)
 void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
     QMutexLocker locked(&messagesLock);
-    messages.append({QThread::currentThread(), (type == QtWarningMsg ? "W " : "D ") + escaped(withoutPids(text).toUtf8())});
+    int watcher = running.size();
+    while (watcher > 0 && &running[watcher - 1]->thread != QThread::currentThread())
+        --watcher;
+    messages.append({watcher, (type == QtWarningMsg ? "W" : "D") + (watcher ? QByteArray::number(watcher) : "") + " "
+                                  + escaped(withoutPids(text).toUtf8())});
 }
-
-// A watcher's run on a thread of its own; never destroyed, as run never returns.
-struct Running {
-    QThread thread;
-    std::atomic<pid_t> tid{0};
-    pthread_t handle = pthread_t();
-};
-QList<Running*> running;
-volatile sig_atomic_t interrupted = 0;
 
 // The processor time a watcher's thread has used, in nanoseconds.
 qint64 cpuNs(const Running* run)
@@ -190,28 +146,16 @@ qint64 cpuNs(const Running* run)
     return used.tv_sec * 1000000000LL + used.tv_nsec;
 }
 
-int indexOf(QThread* thread)
-{
-    for (int i = 0; i < running.size(); ++i)
-        if (&running[i]->thread == thread)
-            return i + 1;
-    return 0;
-}
-
 // The kept messages (only the main thread's, unless all), those of each
 // watcher after the main thread's, each in its order; they are gone then.
 Lines takeMessages(bool all)
 {
     QMutexLocker locked(&messagesLock);
     Lines lines;
-    for (int index = 0; index <= running.size(); ++index) {
-        for (int i = 0; i < messages.size(); ++i) {
-            if (indexOf(messages[i].thread) != index || (index && !all))
-                continue;
-            QByteArray line = messages.takeAt(i--).line;
-            lines << (index ? line.insert(1, QByteArray::number(index)) : line);
-        }
-    }
+    for (int watcher = 0; watcher <= (all ? running.size() : 0); ++watcher)
+        for (int i = 0; i < messages.size(); ++i)
+            if (messages[i].first == watcher)
+                lines << messages.takeAt(i--).second;
     return lines;
 }
 
@@ -219,8 +163,8 @@ int countOf(const QByteArray& text)
 {
     QMutexLocker locked(&messagesLock);
     int count = 0;
-    for (const Message& message : messages)
-        count += message.line.contains(text);
+    for (const auto& message : messages)
+        count += message.second.contains(text);
     return count;
 }
 
@@ -555,7 +499,10 @@ class tst_transcripts : public QObject
             connect(started, &shutMyGpio::sig_pollOn, started, [] { qDebug("[sig_pollOn]"); }, Qt::DirectConnection);
             connect(&run->thread, &QThread::started, started, [run] { run->handle = pthread_self(); run->tid = gettid(); }, Qt::DirectConnection);
             connect(&run->thread, &QThread::started, started, &shutMyGpio::run);
-            running << run;
+            {
+                QMutexLocker locked(&messagesLock);
+                running << run;
+            }
             run->thread.start();
             CHECK(waitFor([run] { return run->tid != 0; }));
         } else if (name == "await") {

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -18,6 +19,9 @@ namespace controller {
 
 namespace {
 
+const char specials[] = "\r\n\t\\";
+const char names[] = "rnt\\";
+
 QElapsedTimer& sinceStart()
 {
     static QElapsedTimer started;
@@ -27,6 +31,52 @@ QElapsedTimer& sinceStart()
 }
 
 } // namespace
+
+QByteArray escaped(const QByteArray& bytes)
+{
+    QByteArray text;
+    for (int i = 0; i < bytes.size(); ++i) {
+        const uchar c = uchar(bytes[i]);
+        const char* special = c ? strchr(specials, c) : nullptr;
+        if (special)
+            text += QByteArray("\\") + names[special - specials];
+        else if (c < 0x20 || c == 0x7f)
+            text += "\\x" + QByteArray::number(c + 0x100, 16).mid(1);
+        else
+            text += char(c);
+        int run = 1;
+        while (i + run < bytes.size() && bytes[i + run] == bytes[i])
+            ++run;
+        if (run >= 16) {
+            text += "\\{" + QByteArray::number(run) + "}";
+            i += run - 1;
+        }
+    }
+    // Kept visible at the end of a line.
+    return text.endsWith(' ') ? text.left(text.size() - 1) + "\\x20" : text;
+}
+
+QByteArray unescaped(const QByteArray& text)
+{
+    QByteArray bytes;
+    for (int i = 0; i < text.size(); ++i) {
+        const char next = i + 1 < text.size() ? text[i + 1] : '\0';
+        if (text[i] != '\\' || !next || !strchr("rnt\\x{", next)) {
+            bytes += text[i];
+        } else if (next == 'x') {
+            bytes += char(text.mid(i + 2, 2).toInt(nullptr, 16));
+            i += 3;
+        } else if (next == '{') {
+            const int end = text.indexOf('}', i);
+            bytes += QByteArray(text.mid(i + 2, end - i - 2).toInt() - 1, bytes[bytes.size() - 1]);
+            i = end;
+        } else {
+            bytes += specials[strchr(names, next) - names];
+            ++i;
+        }
+    }
+    return bytes;
+}
 
 Controller::Controller(const char* bindPath)
     : master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))

@@ -15,6 +15,11 @@
 // tools/sim-printer. Used inside a private mount namespace only.
 namespace controller {
 
+// Bytes as text and back, as the controller's options and the tests' transcripts
+// write them: \r, \n, \t, \\, \xHH, and X\{N} for N bytes X in a row (16 or more).
+QByteArray escaped(const QByteArray& bytes);
+QByteArray unescaped(const QByteArray& text);
+
 // One answer to one command: the chunks are written one after another,
 // each after pauseMs. A reply without chunks leaves the command unanswered.
 struct Reply {

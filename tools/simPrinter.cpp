@@ -3,7 +3,7 @@
 // receives as it arrives:
 //   simPrinter [OPTION...] -- PROGRAM [ARGUMENT...]
 //     --answer N TEXT   answer exchange N (1: the first command) with TEXT,
-//                       where \r, \n and \xHH stand for their bytes
+//                       where \r, \n, \t, \\ and \xHH stand for their bytes
 //     --hang-up N       leave exchange N unanswered and hang up the line
 //     --zero-polls N    report no free slot to the next N status queries
 //     --debug           turn the link's "outSerial" trace on
@@ -32,26 +32,6 @@ const char switchDir[] = "/opt/var/debug";
 const char switchFile[] = "/opt/var/debug/outSerial";
 // How long the hang-up waits for the program to sit in its read.
 const int hangUpDelayMs = 200;
-
-QByteArray unescaped(const char* text)
-{
-    QByteArray bytes;
-    for (const char* c = text; *c; ++c) {
-        if (c[0] == '\\' && c[1] == 'r') {
-            bytes += '\r';
-            ++c;
-        } else if (c[0] == '\\' && c[1] == 'n') {
-            bytes += '\n';
-            ++c;
-        } else if (c[0] == '\\' && c[1] == 'x' && c[2] && c[3]) {
-            bytes += static_cast<char>(strtol(QByteArray(c + 2, 2).constData(), nullptr, 16));
-            c += 3;
-        } else {
-            bytes += *c;
-        }
-    }
-    return bytes;
-}
 
 int usage()
 {
@@ -84,7 +64,7 @@ int main(int argc, char** argv)
         const bool hasValue = arg + 1 < argc;
         if (!strcmp(argv[arg], "--answer") && arg + 2 < argc) {
             controller::Reply reply;
-            reply.chunks << unescaped(argv[arg + 2]);
+            reply.chunks << controller::unescaped(argv[arg + 2]);
             printer->answerAt(atoi(argv[arg + 1]), reply);
             arg += 2;
         } else if (!strcmp(argv[arg], "--hang-up") && hasValue) {
@@ -116,7 +96,7 @@ int main(int argc, char** argv)
         }
         const QStringList commands = printer ? printer->commands() : QStringList();
         for (; shown < commands.size(); ++shown) {
-            printf("controller <- %-20s (exchange %d, %lld ms)\n", qPrintable(commands.at(shown)), shown + 1,
+            printf("controller <- %-20s (exchange %d, %lld ms)\n", controller::escaped(commands.at(shown).toUtf8()).constData(), shown + 1,
                    printer->arrivalsMs().at(shown));
             fflush(stdout);
         }
