@@ -723,7 +723,7 @@ private slots:
         QTest::addColumn<QString>("path");
         const QString folder = qgetenv("TRANSCRIPTS").isEmpty() ? ":/golden" : qgetenv("TRANSCRIPTS");
         for (const QFileInfo& file : QDir(folder).entryInfoList({"*.txt"}))
-            QTest::newRow(qPrintable(file.baseName())) << file.filePath();
+            QTest::newRow(qPrintable(file.baseName())) << file.absoluteFilePath();
     }
 
     void replay()
@@ -731,8 +731,10 @@ private slots:
         QFETCH(QString, path);
         Lines expected;
         Lines actual;
+        const QByteArray transcript = readFile(path);
+        QVERIFY2(transcript.contains("\n> "), qPrintable(path + " holds no step"));
         startTranscript();
-        for (const QByteArray& line : readFile(path).split('\n')) {
+        for (const QByteArray& line : transcript.split('\n')) {
             if (line.isEmpty() || line.startsWith('#'))
                 continue;
             expected << line;

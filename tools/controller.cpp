@@ -219,7 +219,8 @@ Reply Controller::replyTo(const QByteArray& command)
 {
     QMutexLocker locked(&lock);
     received << QString::fromUtf8(command);
-    arrivals << sinceStart().elapsed();
+    // In whole milliseconds rounded down: Qt 5.4's elapsed() can round up.
+    arrivals << sinceStart().nsecsElapsed() / 1000000;
     if (numbered.contains(received.size()))
         return numbered.take(received.size());
     if (!replies.isEmpty())
