@@ -146,6 +146,20 @@ qint64 cpuNs(const Running* run)
     return used.tv_sec * 1000000000LL + used.tv_nsec;
 }
 
+// Waits the seconds given; whether every watcher used under 1% of a
+// processor meanwhile, as one asleep in its wait does.
+bool idleFor(int seconds)
+{
+    QList<qint64> before;
+    for (const Running* run : running)
+        before << cpuNs(run);
+    QTest::qWait(1000 * seconds);
+    for (int i = 0; i < running.size(); ++i)
+        if (cpuNs(running[i]) - before[i] >= seconds * 10000000LL)
+            return false;
+    return true;
+}
+
 // The kept messages (only the main thread's, unless all), those of each
 // watcher after the main thread's, each in its order; they are gone then.
 Lines takeMessages(bool all)
@@ -512,7 +526,7 @@ class tst_transcripts : public QObject
             // Every watcher back in its wait, and nothing more for a second.
             for (Running* run : running)
                 CHECK(waitFor([run] { return sleepsInPoll(run->tid); }));
-            QTest::qWait(1000);
+            CHECK(idleFor(1));
             return takeMessages(true);
         } else if (name == "interrupt") {
             // A signal whose handler is installed without SA_RESTART, sent
@@ -526,13 +540,7 @@ class tst_transcripts : public QObject
             // second per watcher, and under 1% of a processor each: no busy
             // loop.
             const int before = watcherErrors->text().size();
-            QList<qint64> cpuBefore;
-            for (const Running* run : running)
-                cpuBefore << cpuNs(run);
-            QTest::qWait(1000 * n);
-            bool idle = true;
-            for (int i = 0; i < running.size(); ++i)
-                idle = idle && cpuNs(running[i]) - cpuBefore[i] < n * 10000000LL;
+            const bool idle = idleFor(n);
             const QByteArray text = watcherErrors->text();
             const bool fewLines = text.mid(before).count('\n') <= running.size() * (n + 1);
             const QByteArray verdict = fewLines && idle ? "one try a second at most, under 1% of a processor" : "busy";
