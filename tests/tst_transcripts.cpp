@@ -1,7 +1,7 @@
-// Replays the golden transcripts of one folder (TRANSCRIPTS, README.md there
-// describes them): the components on a real pseudo-terminal and a tmpfs, the
-// daemon and the owners as processes through a shell, the watcher on the test
-// machine's kernel (tests/kernel).
+// Replays the golden transcripts of the folder TRANSCRIPTS names
+// (tests/golden/README.md describes them): the components on a real
+// pseudo-terminal and a tmpfs, the daemon and the owners as processes through
+// a shell, the watcher on the test machine's kernel (tests/kernel).
 #include "OutputControl.h"
 #include "controller.h"
 #include "main.h"
@@ -740,7 +740,7 @@ private slots:
         Lines expected;
         Lines actual;
         const QByteArray transcript = readFile(path);
-        QVERIFY2(transcript.contains("\n> "), qPrintable(path + " holds no step"));
+        QVERIFY2(("\n" + transcript).contains("\n> "), qPrintable(path + " holds no step"));
         startTranscript();
         for (const QByteArray& line : transcript.split('\n')) {
             if (line.isEmpty() || line.startsWith('#'))
