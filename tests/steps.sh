@@ -35,11 +35,12 @@ child() {
 child_pid() { sed -n 's/.*child \(start as \)\?pid:  "\([0-9]*\)".*/\2/p' "$log" 2>/dev/null | head -n 1; }
 # A file (missing: empty) with the child's pid as PID.
 show() { sed "s/\"$(child_pid)\"/\"PID\"/g" "$1" 2>/dev/null; true; }
-# The daemon in the background, started through the command given (env,
-# prlimit); standard error to /tmp/daemon.err.
+# The daemon in the background, started from / through the command given
+# (env, prlimit), so that its child runs on the card only if the daemon moves
+# it there; standard error to /tmp/daemon.err.
 daemon() {
     mkdir -p -m 700 /tmp/runtime
-    XDG_RUNTIME_DIR=/tmp/runtime "$@" $DAEMON 2>/tmp/daemon.err &
+    (cd / && XDG_RUNTIME_DIR=/tmp/runtime exec "$@" $DAEMON 2>/tmp/daemon.err) &
     daemon=$!
 }
 # The daemon's exit status, once it has ended by itself.
