@@ -61,7 +61,9 @@ QByteArray unescaped(const QByteArray& text)
     QByteArray bytes;
     for (int i = 0; i < text.size(); ++i) {
         const char next = i + 1 < text.size() ? text[i + 1] : '\0';
-        if (text[i] != '\\' || !next || !strchr("rnt\\x{", next)) {
+        // A run needs a byte before it and its closing brace; else the text stands as it is.
+        const bool run = next == '{' && !bytes.isEmpty() && text.indexOf('}', i) > 0;
+        if (text[i] != '\\' || !next || !(strchr("rnt\\x", next) || run)) {
             bytes += text[i];
         } else if (next == 'x') {
             bytes += char(text.mid(i + 2, 2).toInt(nullptr, 16));
