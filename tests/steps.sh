@@ -1,10 +1,11 @@
-# The shell of a transcript's "> sh" steps reads this first.
+# The shell of a transcript's "> sh" steps reads this first: bash, or
+# busybox sh in the test machine.
 set -o pipefail
 card=/tmp/mnt/dev/mmcblk0p3
 log=$card/softShutDownLogFiles/shutDown.log
 # Whatever the transcript started ends with it; a program still waiting goes.
 trap 'pkill -KILL -P $$; touch /tmp/go' EXIT
-cd $card
+mkdir -p $card && cd $card
 
 # Until the command succeeds, for at most ten seconds.
 within() {
@@ -71,9 +72,46 @@ threads_hold_sigchld() {
         for task in /proc/"$pid"/task/*; do
             mask=$(sed -n 's/^SigBlk:\t//p' "$task/status" 2>/dev/null)
             [ "${task##*/}" = "$pid" ] || [ -z "$mask" ] && continue
-            (( 0x$mask & 1 << 16 )) || return 1
+            [ $((0x$mask >> 16 & 1)) = 1 ] || return 1
             seen=0
         done
     done
     return $seen
+}
+
+# The power owner example as owner N, with a handler that lets SIGUSR1 cut a
+# wait short, as a program's own handler installed without SA_RESTART does;
+# what it says goes to /tmp/owner.N. In the test machine, the programs sit in /vm.
+owner() {
+    QT_MESSAGE_PATTERN='%{threadid} %{message}' LD_PRELOAD=/vm/libinterruptible.so /vm/powerOwner >/tmp/owner.$1 2>&1 &
+    echo $! >/tmp/owner.$1.pid
+}
+tasks() { for pid in $(cat /tmp/owner.*.pid); do echo /proc/$pid/task/*; done; }
+# What owner N said since the last look, each message after the thread that raised it.
+news() {
+    local all=$(wc -l </tmp/owner.$1) seen=$(cat /tmp/owner.$1.seen 2>/dev/null || echo 0)
+    head -n $all /tmp/owner.$1 | tail -n +$((seen + 1)) | sed "s/^$(cat /tmp/owner.$1.pid) /main /; s/^[0-9]* /watcher /; s/^/$1 /"
+    echo $all >/tmp/owner.$1.seen
+}
+# Until owner N has said the text COUNT times in all; then its news.
+hears() { within "[ \$(grep -cF '$3' /tmp/owner.$1) -ge $2 ]" && news $1; }
+# Every thread of every owner asleep in a poll: the watchers back in their waits.
+asleep() { for task in $(tasks); do grep -q poll $task/wchan || return 1; done; }
+# The owners' processor time in all, in nanoseconds.
+used() { cat $(for task in $(tasks); do echo $task/schedstat; done) | awk '{ns += $1} END {print ns}'; }
+# For N seconds (1 unless given): whether each owner used under 1% of a
+# processor and said at most a line a second: no busy loop.
+rest() {
+    local seconds=${1:-1} before=$(used) lines=$(cat /tmp/owner.[0-9] | wc -l) owners=$(ls /tmp/owner.*.pid | wc -l)
+    sleep $seconds
+    [ $(($(used) - before)) -lt $((owners * seconds * 10000000)) ] && echo "under 1% of a processor each" || echo busy
+    [ $(($(cat /tmp/owner.[0-9] | wc -l) - lines)) -le $((owners * (seconds + 1))) ] && echo "a line a second at most" || echo "too many lines"
+}
+# The watchers back in their waits and at rest; then what each owner said.
+quiet() { within asleep && rest && for n in $(seq $(ls /tmp/owner.*.pid | wc -l)); do news $n; done; }
+# SIGUSR1 to owner N's watcher: a signal sent to a thread's own id goes to
+# that thread when it does not hold the signal.
+interrupt() {
+    local pid=$(cat /tmp/owner.$1.pid)
+    within asleep && kill -USR1 $(ls /proc/$pid/task | grep -vx $pid)
 }

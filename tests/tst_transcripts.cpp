@@ -25,18 +25,15 @@
 using controller::escaped;
 using controller::unescaped;
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <thread>
 
 #include <fcntl.h>
 #include <linux/gpio.h>
 #include <malloc.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <termios.h>
@@ -62,15 +59,6 @@ namespace {
 const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
 // A record's time, shown as T when it is the last minute's in UTC.
 const QRegularExpression recordTime("\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}");
-
-bool waitFor(const std::function<bool()>& ready, int timeoutMs = 10000)
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (!ready() && waited.elapsed() < timeoutMs)
-        QTest::qWait(5);
-    return ready();
-}
 
 QByteArray readFile(const QString& path)
 {
@@ -107,18 +95,9 @@ Lines outputLines(char stream, const QByteArray& text)
     return lines;
 }
 
-// A watcher's run on a thread of its own; never destroyed, as run never returns.
-struct Running {
-    QThread thread;
-    std::atomic<pid_t> tid{0};
-    pthread_t handle = pthread_t();
-};
-QList<Running*> running;
-volatile sig_atomic_t interrupted = 0;
-
-// The Qt messages raised, each with the number of its watcher (0: none).
+// The Qt messages raised, in their order.
 QMutex messagesLock;
-QList<QPair<int, QByteArray>> messages;
+Lines messages;
 
 // The launcher's messages with its child's pid as PID.
 QString withoutPids(QString text)
@@ -129,98 +108,36 @@ QString withoutPids(QString text)
 void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
     QMutexLocker locked(&messagesLock);
-    int watcher = running.size();
-    while (watcher > 0 && &running[watcher - 1]->thread != QThread::currentThread())
-        --watcher;
-    messages.append({watcher, (type == QtWarningMsg ? "W" : "D") + (watcher ? QByteArray::number(watcher) : "") + " "
-                                  + escaped(withoutPids(text).toUtf8())});
+    messages << (type == QtWarningMsg ? "W " : "D ") + escaped(withoutPids(text).toUtf8());
 }
 
-// The processor time a watcher's thread has used, in nanoseconds.
-qint64 cpuNs(const Running* run)
-{
-    clockid_t clock;
-    timespec used = {};
-    if (pthread_getcpuclockid(run->handle, &clock) == 0)
-        clock_gettime(clock, &used);
-    return used.tv_sec * 1000000000LL + used.tv_nsec;
-}
-
-// Waits the seconds given; whether every watcher used under 1% of a
-// processor meanwhile, as one asleep in its wait does.
-bool idleFor(int seconds)
-{
-    QList<qint64> before;
-    for (const Running* run : running)
-        before << cpuNs(run);
-    QTest::qWait(1000 * seconds);
-    for (int i = 0; i < running.size(); ++i)
-        if (cpuNs(running[i]) - before[i] >= seconds * 10000000LL)
-            return false;
-    return true;
-}
-
-// The kept messages (only the main thread's, unless all), those of each
-// watcher after the main thread's, each in its order; they are gone then.
-Lines takeMessages(bool all)
+// The kept messages; they are gone then.
+Lines takeMessages()
 {
     QMutexLocker locked(&messagesLock);
-    Lines lines;
-    for (int watcher = 0; watcher <= (all ? running.size() : 0); ++watcher)
-        for (int i = 0; i < messages.size(); ++i)
-            if (messages[i].first == watcher)
-                lines << messages.takeAt(i--).second;
-    return lines;
+    Lines taken;
+    taken.swap(messages);
+    return taken;
 }
 
-int countOf(const QByteArray& text)
+#ifdef WITH_SCREEN
+// Whether a message holding the text comes within ten seconds.
+bool heard(const QByteArray& text)
 {
-    QMutexLocker locked(&messagesLock);
-    int count = 0;
-    for (const auto& message : messages)
-        count += message.second.contains(text);
-    return count;
-}
-
-// The first field of /proc/self/task/<tid>/syscall: the call the thread
-// sleeps in, by number, or "running".
-QByteArray callOf(pid_t tid)
-{
-    return readFile(QString("/proc/self/task/%1/syscall").arg(tid)).split(' ').value(0);
-}
-
-// Whether the thread sleeps in the call that the wait sleeps in on the read
-// end of an empty pipe. The call is learnt once per wait from a thread of our
-// own, as /proc shows it: under user-mode emulation, the host's number.
-bool sleepsLike(pid_t tid, void (*wait)(int fd))
-{
-    static QMap<void (*)(int), QByteArray> learnt;
-    QByteArray& shown = learnt[wait];
-    int ends[2];
-    if (shown.isEmpty() && pipe2(ends, O_CLOEXEC) == 0) {
-        std::atomic<pid_t> sleeper(0);
-        std::thread waiting([&] { sleeper = gettid(); wait(ends[0]); });
-        // The same call twice, 50 ms apart: asleep in it, not on the way in.
-        for (QByteArray last; shown.isEmpty() && waitFor([&] { return sleeper != 0; }); last = callOf(sleeper)) {
-            QThread::msleep(50);
-            if (callOf(sleeper) == last && last != "running")
-                shown = last;
-        }
-        close(ends[1]);
-        waiting.join();
-        close(ends[0]);
+    QElapsedTimer waited;
+    for (waited.start(); waited.elapsed() < 10000; QTest::qWait(5)) {
+        QMutexLocker locked(&messagesLock);
+        if (messages.join().contains(text))
+            return true;
     }
-    return !shown.isEmpty() && callOf(tid) == shown;
+    return false;
 }
+#endif
 
-bool sleepsInPoll(pid_t tid)
+// Whether the thread sleeps: in the step below, in its read.
+bool asleep(pid_t tid)
 {
-    return sleepsLike(tid, [](int fd) { pollfd wait = {fd, POLLIN, 0}; poll(&wait, 1, -1); });
-}
-
-bool sleepsInRead(pid_t tid)
-{
-    return sleepsLike(tid, [](int fd) { char byte; return void(read(fd, &byte, 1)); });
+    return readFile(QString("/proc/self/task/%1/stat").arg(tid)).split(' ').value(2) == "S";
 }
 
 // Everything written to a standard stream while it lives.
@@ -286,12 +203,10 @@ class tst_transcripts : public QObject
     std::unique_ptr<shutMyGpio> watcher;
     std::unique_ptr<OutputControl> debugSwitch;
     std::unique_ptr<shutLog> log;
-    std::unique_ptr<OutputCapture> watcherErrors;
     QProcess shell;
     int valueFd = -1;
     int ownFd = -1;
     int heldLine = -1;
-    int errorsShown = 0;
 
     controller::Controller& printer() { return *controllers.back(); }
 
@@ -303,7 +218,10 @@ class tst_transcripts : public QObject
             shell.setProcessChannelMode(QProcess::MergedChannels);
             shell.start(QFile::exists("/bin/bash") ? "/bin/bash" : "/bin/sh", QStringList());
             CHECK(shell.waitForStarted());
-            shell.write(qgetenv("STEPS").isEmpty() ? "" : ". \"$STEPS\"\n");
+            // The steps' functions, from the tests' tree or, in the test
+            // machine, from inside the program.
+            const QByteArray steps = qgetenv("STEPS");
+            shell.write(readFile(steps.isEmpty() ? ":/steps.sh" : QString(steps)) + "\n");
         }
         shell.write("{ " + command + "\n} </dev/null 2>&1; echo \"\x01$?\"\n");
         QByteArray out;
@@ -374,7 +292,7 @@ class tst_transcripts : public QObject
                 done = true;
             });
             for (int tries = 0; tries < 5000 && !done; ++tries) {
-                if (tid && sleepsInRead(tid) && pthread_kill(worker.native_handle(), SIGUSR1) == 0)
+                if (tid && asleep(tid) && pthread_kill(worker.native_handle(), SIGUSR1) == 0)
                     QTest::qWait(200);
                 QThread::msleep(1);
             }
@@ -415,7 +333,7 @@ class tst_transcripts : public QObject
             std::thread right(drive, 1);
             left.join();
             right.join();
-            takeMessages(true);
+            takeMessages();
             return {QString("%1 mismatches, %2 commands%3").arg(mismatches.load()).arg(echoing.commands().size())
                         .arg(echoing.overlapped() ? ", overlapped" : "").toUtf8()};
         } else if (name == "debug-switch") {
@@ -505,53 +423,6 @@ class tst_transcripts : public QObject
             heldLine = request.fd;
         } else if (name == "release") {
             close(heldLine);
-        } else if (name == "start") {
-            Running* run = new Running;
-            shutMyGpio* started = new shutMyGpio;
-            started->moveToThread(&run->thread);
-            connect(started, &shutMyGpio::sig_shutDown, started, [] { qDebug("[sig_shutDown]"); }, Qt::DirectConnection);
-            connect(started, &shutMyGpio::sig_pollOn, started, [] { qDebug("[sig_pollOn]"); }, Qt::DirectConnection);
-            connect(&run->thread, &QThread::started, started, [run] { run->handle = pthread_self(); run->tid = gettid(); }, Qt::DirectConnection);
-            connect(&run->thread, &QThread::started, started, &shutMyGpio::run);
-            {
-                QMutexLocker locked(&messagesLock);
-                running << run;
-            }
-            run->thread.start();
-            CHECK(waitFor([run] { return run->tid != 0; }));
-        } else if (name == "await") {
-            CHECK(waitFor([&] { return countOf(rest.mid(args[0].size() + 1)) >= n; }, 20000));
-            return takeMessages(true);
-        } else if (name == "quiet") {
-            // Every watcher back in its wait, and nothing more for a second.
-            for (Running* run : running)
-                CHECK(waitFor([run] { return sleepsInPoll(run->tid); }));
-            CHECK(idleFor(1));
-            return takeMessages(true);
-        } else if (name == "interrupt") {
-            // A signal whose handler is installed without SA_RESTART, sent
-            // while the watcher waits; it is handled before the next step.
-            interrupted = 0;
-            CHECK(waitFor([&] { return sleepsInPoll(running[n - 1]->tid); }));
-            pthread_kill(running[n - 1]->handle, SIGUSR1);
-            CHECK(waitFor([] { return interrupted != 0; }));
-        } else if (name == "errors" || name == "retries") {
-            // Retries are written to standard error: at most one line a
-            // second per watcher, and under 1% of a processor each: no busy
-            // loop.
-            const int before = watcherErrors->text().size();
-            const bool idle = idleFor(n);
-            const QByteArray text = watcherErrors->text();
-            const bool fewLines = text.mid(before).count('\n') <= running.size() * (n + 1);
-            const QByteArray verdict = fewLines && idle ? "one try a second at most, under 1% of a processor" : "busy";
-            Lines lines = text.mid(errorsShown).split('\n');
-            errorsShown = text.size();
-            // The distinct lines, but for one that may or may not come.
-            lines.removeAll(rest.mid(args[0].size() + 1));
-            lines.removeAll(QByteArray());
-            std::sort(lines.begin(), lines.end());
-            lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
-            return name == "retries" ? Lines({verdict}) + lines : lines;
         } else if (name == "log") {
             log.reset(new shutLog(args[0].constData(), "shutDown.log", args[1].toInt(), args[2].toInt()));
         } else if (name == "open-log" || name == "close-log" || name == "size") {
@@ -652,7 +523,7 @@ class tst_transcripts : public QObject
             bool shown = false;
             for (QWindow* top : QGuiApplication::allWindows())
                 shown = shown || top->isVisible();
-            CHECK(waitFor([] { return countOf("child exited normally") > 0; }));
+            CHECK(heard("child exited normally"));
             const QImage picture = window.view->grab().toImage();
             CHECK(qgetenv("FAULT_SCREEN_PNG").isEmpty() || picture.save(qgetenv("FAULT_SCREEN_PNG")));
             Lines said = {escaped(window.label->text().toUtf8()), button->text().toUtf8(),
@@ -698,7 +569,6 @@ class tst_transcripts : public QObject
         port.reset();
         link.reset();
         watcher.reset();
-        watcherErrors.reset();
         debugSwitch.reset();
         log.reset();
         umount2("/proc/mounts", MNT_DETACH);
@@ -719,11 +589,8 @@ private slots:
         pthread_sigmask(SIG_UNBLOCK, &childSignal, nullptr);
         qInstallMessageHandler(keepMessage);
         struct sigaction noRestart = {};
-        noRestart.sa_handler = [](int) { interrupted = 1; };
+        noRestart.sa_handler = [](int) {};
         sigaction(SIGUSR1, &noRestart, nullptr);
-        // The calls to wait in learnt now, not while a wait must be caught.
-        sleepsInRead(0);
-        sleepsInPoll(0);
     }
 
     void replay_data()
@@ -753,15 +620,12 @@ private slots:
             const QByteArray name = command.left(command.indexOf(' ') < 0 ? command.size() : command.indexOf(' '));
             const QByteArray rest = command.mid(name.size() + 1);
             std::unique_ptr<OutputCapture> out(new OutputCapture(STDOUT_FILENO));
-            if (name == "start" && !watcherErrors)
-                watcherErrors.reset(new OutputCapture(STDERR_FILENO));
-            std::unique_ptr<OutputCapture> err(watcherErrors ? nullptr : new OutputCapture(STDERR_FILENO));
+            std::unique_ptr<OutputCapture> err(new OutputCapture(STDERR_FILENO));
             for (const QByteArray& given : step(name, rest.split(' '), rest))
                 actual << (name == "sh" ? given : "= " + given);
             if (QTest::currentTestFailed())
                 break;
-            actual << outputLines('1', out->text()) << (err ? outputLines('2', err->text()) : Lines());
-            actual << takeMessages(false);
+            actual << outputLines('1', out->text()) << outputLines('2', err->text()) << takeMessages();
         }
         while (!controllers.empty()) {
             actual << "wire \"" + escaped(printer().wire()) + "\"";
