@@ -28,6 +28,7 @@ using controller::unescaped;
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -140,36 +141,29 @@ bool asleep(pid_t tid)
     return readFile(QString("/proc/self/task/%1/stat").arg(tid)).split(' ').value(2) == "S";
 }
 
-// Everything written to a standard stream while it lives.
-class OutputCapture
+// What run gives, then what it wrote to standard output and error (as 1
+// and 2 lines), which go to files of their own meanwhile.
+Lines withOutput(const std::function<Lines()>& run)
 {
-public:
-    explicit OutputCapture(int stream)
-        : stream(stream), saved(dup(stream)), capture(open("/tmp", O_TMPFILE | O_RDWR, 0600))
-    {
-        fflush(nullptr);
-        dup2(capture, stream);
+    int saved[3], files[3];
+    fflush(nullptr);
+    for (int stream : {1, 2}) {
+        saved[stream] = dup(stream);
+        files[stream] = open("/tmp", O_TMPFILE | O_RDWR, 0600);
+        dup2(files[stream], stream);
     }
-    ~OutputCapture()
-    {
-        // A failure Qt Test reports meanwhile must still be seen.
-        const QByteArray failed = QTest::currentTestFailed() ? text() : QByteArray();
-        dup2(saved, stream);
-        close(capture);
-        close(saved);
-        if (write(stream, failed.constData(), failed.size()) < 0)
-            perror("capture");
-    }
-    QByteArray text()
-    {
-        fflush(nullptr);
+    Lines lines = run();
+    fflush(nullptr);
+    for (int stream : {1, 2}) {
+        dup2(saved[stream], stream);
+        close(saved[stream]);
         QFile file;
-        return file.open(capture, QIODevice::ReadOnly) && file.seek(0) ? file.readAll() : QByteArray();
+        if (file.open(files[stream], QIODevice::ReadOnly) && file.seek(0))
+            lines << outputLines('0' + stream, file.readAll());
+        close(files[stream]);
     }
-
-private:
-    int stream, saved, capture;
-};
+    return lines;
+}
 
 // The SIGCHLD handler a launch installs, taken back once the step is over:
 // the shell of later steps needs Qt's.
@@ -619,13 +613,14 @@ private slots:
             const QByteArray command = line.mid(2);
             const QByteArray name = command.left(command.indexOf(' ') < 0 ? command.size() : command.indexOf(' '));
             const QByteArray rest = command.mid(name.size() + 1);
-            std::unique_ptr<OutputCapture> out(new OutputCapture(STDOUT_FILENO));
-            std::unique_ptr<OutputCapture> err(new OutputCapture(STDERR_FILENO));
-            for (const QByteArray& given : step(name, rest.split(' '), rest))
-                actual << (name == "sh" ? given : "= " + given);
+            actual << withOutput([&] {
+                Lines given = step(name, rest.split(' '), rest);
+                for (QByteArray& result : given)
+                    result.prepend(name == "sh" ? "" : "= ");
+                return given;
+            }) << takeMessages();
             if (QTest::currentTestFailed())
                 break;
-            actual << outputLines('1', out->text()) << outputLines('2', err->text()) << takeMessages();
         }
         while (!controllers.empty()) {
             actual << "wire \"" + escaped(printer().wire()) + "\"";
