@@ -28,6 +28,15 @@ gpio_tree() {
 # Numbers as N.
 n() { sed 's/[0-9]\+/N/g'; }
 
+# The file with exactly the bytes given (printf's escapes), or a link to
+# /dev/full, which no write fits; the folders on its way made.
+put() { mkdir -p "${1%/*}" && rm -rf "$1" && printf "${2:-}" >"$1"; }
+full() { mkdir -p "${1%/*}" && rm -rf "$1" && ln -s /dev/full "$1"; }
+# The files of an exported line.
+exported() { for file in direction value edge; do put /sys/class/gpio/gpio$1/$file; done; }
+# The settings of the device at /dev/ttyO1.
+attrs() { stty -F /dev/ttyO1 -g; }
+
 # The appliance's program: a script, whose wait_go waits for /tmp/go.
 child() {
     printf '#!/bin/sh\nwait_go() { until [ -e /tmp/go ]; do sleep 0.01; done; }\n%s\n' "$1" >/opt/project/Tolven-ii
@@ -48,6 +57,23 @@ daemon() {
 ended() { wait $daemon; echo "ended with $?"; }
 # The daemon still runs; it is killed, and whatever it would do, it has done.
 stop() { kill -0 $daemon && kill -KILL $daemon && { wait $daemon; } 2>/dev/null; [ $? = 137 ]; }
+
+# The threads step's records in /tmp/log, oldest file first: records 0 to
+# RECORDS-1 of each of THREADS threads, each whole, once, and in its thread's order.
+threads_in_order() {
+    cat $(ls -d /tmp/log/* | sort -Vr) | awk -v threads=$1 -v records=$2 '
+        !/^[0-9.]+ [0-9:.]+ <DEBUG> thread [0-9]+ record [0-9]+$/ || $7 != seen[$5]++ { print "out of place: " $0; bad = 1; exit }
+        END { for (t = 0; t < threads; ++t) bad = bad || seen[t] != records; print (bad ? "records lost" : "every record whole, once, in order") }'
+}
+# The forks step's log: the main thread's records ("main N") once each and
+# in order; the others but the busy thread's by count, times as T and the
+# children's pids as PID.
+forked() {
+    awk -v n=$(cat /tmp/main-records) '$4 == "main" { bad = bad || $5 != seen++ }
+        END { print (bad || seen != n ? "the main records out of order" : "the main records in order") }' $log
+    grep -v '<DEBUG> \(main [0-9]*\|busy\)$' $log | sed 's/^[0-9.]* [0-9:.]* /T /; s/\(pid: *\|retv = *\)"[0-9]*"/\1"PID"/g' |
+        sort | uniq -c | sed 's/^ *\([0-9]*\) /\1 x /'
+}
 
 # The printer owner example as init starts it (a session leader) against the
 # simulated controller with the options given: what the controller received,
