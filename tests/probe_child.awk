@@ -1,17 +1,11 @@
 #!/usr/bin/awk -f
-# The stand-in for the appliance's program that writes how it was started
-# (working directory, core-file limits, blocked signals) to files under /tmp,
-# then waits for /tmp/go. A script, so that a daemon under user-mode emulation
-# starts it too; awk, since sh clears the blocked-signal mask it was started with.
+# The stand-in for the appliance's program: how it was started (blocked
+# signals, working directory, core-file limits) into /tmp/child, then a wait
+# for /tmp/go. awk reads its own mask, which sh would clear first.
 BEGIN {
-    system("pwd -P >/tmp/child-cwd")
-    while ((getline line < "/proc/self/limits") > 0)
-        if (split(line, field) && line ~ /^Max core file size/)
-            print field[5], field[6] > "/tmp/child-core"
     while ((getline line < "/proc/self/status") > 0)
         if (line ~ /^SigBlk:/)
-            print line > "/tmp/child-mask"
-    close("/tmp/child-core")
-    close("/tmp/child-mask")
-    system("while [ ! -e /tmp/go ]; do sleep 0.02; done")
+            print line > "/tmp/child"
+    close("/tmp/child")
+    system("pwd -P >>/tmp/child; awk '/^Max core/ {print $5, $6}' /proc/self/limits >>/tmp/child; until [ -e /tmp/go ]; do sleep 0.02; done")
 }

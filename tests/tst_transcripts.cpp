@@ -1,7 +1,5 @@
-// Replays the golden transcripts of the folder TRANSCRIPTS names
-// (tests/golden/README.md describes them): the components on a real
-// pseudo-terminal and a tmpfs, the daemon and the owners as processes through
-// a shell, the watcher on the test machine's kernel (tests/kernel).
+// Replays the golden transcripts of the folder TRANSCRIPTS names, as
+// tests/golden/README.md describes them.
 #include "OutputControl.h"
 #include "controller.h"
 #include "main.h"
@@ -27,6 +25,7 @@ using controller::unescaped;
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <thread>
 
 #include <fcntl.h>
@@ -90,25 +89,19 @@ Lines outputLines(char stream, const QByteArray& text)
 QMutex messagesLock;
 Lines messages;
 
-// The launcher's messages with its child's pid as PID.
-QString withoutPids(QString text)
-{
-    return text.replace(QRegularExpression("(pid: +|retv = +)\"[1-9]\\d*\""), "\\1\"PID\"");
-}
-
+// Kept with the launcher's child's pid as PID.
 void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
+    const QString shown = QString(text).replace(QRegularExpression("(pid: +|retv = +)\"[1-9]\\d*\""), "\\1\"PID\"");
     QMutexLocker locked(&messagesLock);
-    messages << (type == QtWarningMsg ? "W " : "D ") + escaped(withoutPids(text).toUtf8());
+    messages << (type == QtWarningMsg ? "W " : "D ") + escaped(shown.toUtf8());
 }
 
 // The kept messages; they are gone then.
 Lines takeMessages()
 {
     QMutexLocker locked(&messagesLock);
-    Lines taken;
-    taken.swap(messages);
-    return taken;
+    return std::exchange(messages, Lines());
 }
 
 #ifdef WITH_SCREEN
@@ -119,8 +112,7 @@ bool said(const QByteArray& text)
 }
 #endif
 
-// What run writes to standard output and error, as 1 and 2 lines: the
-// streams go to files of their own meanwhile.
+// What run writes to standard output and error, as 1 and 2 lines.
 Lines outputOf(const std::function<void()>& run)
 {
     int saved[3], files[3];
@@ -130,9 +122,9 @@ Lines outputOf(const std::function<void()>& run)
         files[stream] = open("/tmp", O_TMPFILE | O_RDWR, 0600);
         dup2(files[stream], stream);
     }
-    Lines lines;
     run();
     fflush(nullptr);
+    Lines lines;
     for (int stream : {1, 2}) {
         dup2(saved[stream], stream);
         close(saved[stream]);
@@ -144,8 +136,7 @@ Lines outputOf(const std::function<void()>& run)
     return lines;
 }
 
-// The SIGCHLD handler a launch installs, taken back once the step is over:
-// the shell of later steps needs Qt's.
+// The SIGCHLD handler a launch installs is taken back: the shell needs Qt's.
 struct ChildHandlerKept {
     struct sigaction kept;
     ChildHandlerKept() { sigaction(SIGCHLD, nullptr, &kept); }
@@ -177,16 +168,14 @@ class tst_transcripts : public QObject
 
     controller::Controller& printer() { return *controllers.back(); }
 
-    // One shell for the whole transcript, so that its variables and
-    // functions carry from step to step; its output and status are the step's.
+    // One shell for the whole transcript, so that its variables carry from step to step.
     void sh(const QByteArray& command)
     {
         if (shell.state() == QProcess::NotRunning) {
             shell.setProcessChannelMode(QProcess::MergedChannels);
             shell.start(QFile::exists("/bin/bash") ? "/bin/bash" : "/bin/sh", QStringList());
             QVERIFY(shell.waitForStarted());
-            // The steps' functions, from the tests' tree or, in the test
-            // machine, from inside the program.
+            // The steps' functions; in the test machine, from inside the program.
             const QByteArray steps = qgetenv("STEPS");
             shell.write(readFile(steps.isEmpty() ? ":/steps.sh" : QString(steps)) + "\n");
         }
@@ -237,10 +226,8 @@ class tst_transcripts : public QObject
         } else if (name == "drain" || name == "sent") {
             results << quoted(name == "drain" ? port->cleanSerialBuff() : port->codeSent());
         } else if (name == "interrupted") {
-            // The step runs on a thread of its own, which SIGUSR1 (its handler
-            // installed without SA_RESTART, as the daemon's SIGCHLD handler
-            // is) reaches in read(2), where it waits a second for nothing; a
-            // signal before the read interrupts nothing, so it comes again.
+            // SIGUSR1, its handler installed without SA_RESTART as the daemon's
+            // SIGCHLD handler is, again and again until one lands in a read.
             std::atomic<bool> done(false);
             std::thread worker([&] {
                 step(args[0], args.mid(1), rest.mid(args[0].size() + 1));
@@ -264,8 +251,7 @@ class tst_transcripts : public QObject
                 if (sent[i] == "M117" && sent[i - 1] == "M117")
                     results << (printer().arrivalsMs()[i] - printer().arrivalsMs()[i - 1] >= 80 ? "80 ms or more" : "sooner");
         } else if (name == "two-links") {
-            // Links in two threads, each sending its own numbered commands,
-            // against a controller that answers each after a pause.
+            // Two threads' links sending numbered commands, each echoed after a pause.
             controller::Controller echoing("/dev/ttyO1");
             echoing.echoAfter(2);
             echoing.start();
@@ -350,8 +336,7 @@ class tst_transcripts : public QObject
         } else if (name == "hold") {
             // Another user of the line, through the chip's character device.
             const int chip = open("/dev/gpiochip0", O_RDONLY);
-            gpio_v2_line_request request;
-            memset(&request, 0, sizeof request);
+            gpio_v2_line_request request = {};
             request.offsets[0] = n;
             request.num_lines = 1;
             request.config.flags = GPIO_V2_LINE_FLAG_INPUT;
@@ -389,21 +374,14 @@ class tst_transcripts : public QObject
             log.reset();
         } else if (name == "forks") {
             // A thread that logs without pause, started with SIGCHLD held as
-            // Qt's threads are in the daemon: children forked meanwhile, whose
-            // program is missing, say why and end; the main thread logs while
-            // it waits, so each end interrupts its records.
+            // Qt's threads are in the daemon, while children, whose program
+            // is missing, start and end; the main thread logs meanwhile.
             ChildHandlerKept kept;
-            QDir().mkpath(logDir);
             logFlag = new shutLog(logDir, "shutDown.log", INT_MAX, 6);
-            static std::atomic<int> ends(0);
-            qInstallMessageHandler([](QtMsgType type, const QMessageLogContext& context, const QString& msg) {
-                onShowMsg(type, context, msg);
-                ends += msg.contains("child exited normally");
-            });
+            qInstallMessageHandler(onShowMsg);
             // The C library loads its message catalogue at the first strerror:
-            // done here, not in a child forked while the busy thread holds
-            // AddressSanitizer's allocator lock, which its runtime does not take
-            // across fork (glibc's own malloc is safe there).
+            // here, not in a child forked while the busy thread holds
+            // AddressSanitizer's allocator lock, which is not taken across fork.
             strerror(ENOENT);
             std::atomic<bool> stop(false);
             sigset_t mask;
@@ -414,11 +392,15 @@ class tst_transcripts : public QObject
                     qDebug() << "busy";
             });
             int mine = 0;
-            for (int round = 0; round < n && ends == round; ++round) {
-                QVERIFY(startFork() == 0);
-                QElapsedTimer waited;
-                for (waited.start(); ends <= round && waited.elapsed() < 10000; QCoreApplication::processEvents())
+            QElapsedTimer waited;
+            // Each child in turn, until the handler has reaped it, which takes
+            // its pid away, and the event loop has logged its end; a launch
+            // that fails shows in the records' counts.
+            for (int round = 0; round < n && startFork() == 0; ++round) {
+                const pid_t child = g_pid;
+                for (waited.start(); kill(child, 0) == 0 && !waited.hasExpired(10000); QCoreApplication::processEvents())
                     qDebug() << "main" << mine++;
+                QCoreApplication::processEvents();
             }
             stop = true;
             busy.join();
@@ -545,13 +527,11 @@ int main(int argc, char** argv)
     if (!privateTree::enter() || !privateTree::privateDev())
         return 1;
 #endif
-    // Qt's own threads, Qt Test's watchdog among them, hold SIGCHLD as in
-    // the daemon; the main thread takes it once the tests run.
+    // Qt's threads, Qt Test's watchdog too, hold SIGCHLD, as in the daemon.
     holdChildSignal();
 #ifdef WITH_SCREEN
     QApplication app(argc, argv);
 #else
-    // QtCore alone: the components need nothing else.
     QCoreApplication app(argc, argv);
 #endif
     tst_transcripts test;
