@@ -25,17 +25,15 @@ gpio_tree() {
     [ -d /sys/class/gpio ] || { mount -t tmpfs -o mode=755 gpio /sys/class && mkdir /sys/class/gpio; }
     mount -t tmpfs -o mode=755 gpio /sys/class/gpio
 }
-# Numbers as N.
 n() { sed 's/[0-9]\+/N/g'; }
-
-# The file with exactly the bytes given (printf's escapes), or a link to
-# /dev/full, which no write fits; the folders on its way made.
+# A file with exactly the bytes given (printf's escapes), or a link to
+# /dev/full, which no write fits; an exported line's files.
 put() { mkdir -p "${1%/*}" && rm -rf "$1" && printf "${2:-}" >"$1"; }
 full() { mkdir -p "${1%/*}" && rm -rf "$1" && ln -s /dev/full "$1"; }
-# The files of an exported line.
 exported() { for file in direction value edge; do put /sys/class/gpio/gpio$1/$file; done; }
-# The settings of the device at /dev/ttyO1.
 attrs() { stty -F /dev/ttyO1 -g; }
+# The runner's mount table, /proc/mounts, which is its own /proc/self/mounts.
+table() { umount /proc/$PPID/mounts 2>/dev/null; printf "$1" >/tmp/mounts && mount --bind /tmp/mounts /proc/$PPID/mounts; }
 
 # The appliance's program: a script, whose wait_go waits for /tmp/go.
 child() {
@@ -46,28 +44,26 @@ child_pid() { sed -n 's/.*child \(start as \)\?pid:  "\([0-9]*\)".*/\2/p' "$log"
 # A file (missing: empty) with the child's pid as PID.
 show() { sed "s/\"$(child_pid)\"/\"PID\"/g" "$1" 2>/dev/null; true; }
 # The daemon in the background, started from / through the command given
-# (env, prlimit), so that its child runs on the card only if the daemon moves
-# it there; standard error to /tmp/daemon.err.
+# (env, prlimit), so that its child runs on the card only if the daemon
+# moves it there; standard error to /tmp/daemon.err.
 daemon() {
     mkdir -p -m 700 /tmp/runtime
     (cd / && XDG_RUNTIME_DIR=/tmp/runtime exec "$@" $DAEMON 2>/tmp/daemon.err) &
     daemon=$!
 }
-# The daemon's exit status, once it has ended by itself.
 ended() { wait $daemon; echo "ended with $?"; }
 # The daemon still runs; it is killed, and whatever it would do, it has done.
 stop() { kill -0 $daemon && kill -KILL $daemon && { wait $daemon; } 2>/dev/null; [ $? = 137 ]; }
 
 # The threads step's records in /tmp/log, oldest file first: records 0 to
-# RECORDS-1 of each of THREADS threads, each whole, once, and in its thread's order.
+# RECORDS-1 of each of THREADS threads, whole, once, in its thread's order.
 threads_in_order() {
     cat $(ls -d /tmp/log/* | sort -Vr) | awk -v threads=$1 -v records=$2 '
         !/^[0-9.]+ [0-9:.]+ <DEBUG> thread [0-9]+ record [0-9]+$/ || $7 != seen[$5]++ { print "out of place: " $0; bad = 1; exit }
         END { for (t = 0; t < threads; ++t) bad = bad || seen[t] != records; print (bad ? "records lost" : "every record whole, once, in order") }'
 }
-# The forks step's log: the main thread's records ("main N") once each and
-# in order; the others but the busy thread's by count, times as T and the
-# children's pids as PID.
+# The forks step's log: the main thread's records ("main N") once each, in
+# order; the others but the busy thread's by count, with T and PID.
 forked() {
     awk -v n=$(cat /tmp/main-records) '$4 == "main" { bad = bad || $5 != seen++ }
         END { print (bad || seen != n ? "the main records out of order" : "the main records in order") }' $log
@@ -105,15 +101,15 @@ threads_hold_sigchld() {
     return $seen
 }
 
-# The power owner example as owner N, with a handler that lets SIGUSR1 cut a
-# wait short, as a program's own handler installed without SA_RESTART does;
-# what it says goes to /tmp/owner.N. In the test machine, the programs sit in /vm.
+# The power owner example (in the test machine's /vm) as owner N, its output
+# in /tmp/owner.N; SIGUSR1 cuts its waits short, as a program's own handler
+# installed without SA_RESTART does.
 owner() {
     QT_MESSAGE_PATTERN='%{threadid} %{message}' LD_PRELOAD=/vm/libinterruptible.so /vm/powerOwner >/tmp/owner.$1 2>&1 &
     echo $! >/tmp/owner.$1.pid
 }
-tasks() { for pid in $(cat /tmp/owner.*.pid); do echo /proc/$pid/task/*; done; }
-# What owner N said since the last look, each message after the thread that raised it.
+tasks() { sed 's|.*|/proc/&/task/*|' /tmp/owner.*.pid; }
+# What owner N said since the last look, each message after its thread.
 news() {
     local all=$(wc -l </tmp/owner.$1) seen=$(cat /tmp/owner.$1.seen 2>/dev/null || echo 0)
     head -n $all /tmp/owner.$1 | tail -n +$((seen + 1)) | sed "s/^$(cat /tmp/owner.$1.pid) /main /; s/^[0-9]* /watcher /; s/^/$1 /"
@@ -121,11 +117,11 @@ news() {
 }
 # Until owner N has said the text COUNT times in all; then its news.
 hears() { within "[ \$(grep -cF '$3' /tmp/owner.$1) -ge $2 ]" && news $1; }
-# Every thread of every owner asleep in a poll: the watchers back in their waits.
+# Every owner's every thread asleep in a poll: the watchers back in their waits.
 asleep() { for task in $(tasks); do grep -q poll $task/wchan || return 1; done; }
 # The owners' processor time in all, in nanoseconds.
-used() { cat $(for task in $(tasks); do echo $task/schedstat; done) | awk '{ns += $1} END {print ns}'; }
-# For N seconds (1 unless given): whether each owner used under 1% of a
+used() { for task in $(tasks); do cat $task/schedstat; done | awk '{ns += $1} END {print ns}'; }
+# For N seconds (1 unless given), whether each owner used under 1% of a
 # processor and said at most a line a second: no busy loop.
 rest() {
     local seconds=${1:-1} before=$(used) lines=$(cat /tmp/owner.[0-9] | wc -l) owners=$(ls /tmp/owner.*.pid | wc -l)
@@ -133,11 +129,10 @@ rest() {
     [ $(($(used) - before)) -lt $((owners * seconds * 10000000)) ] && echo "under 1% of a processor each" || echo busy
     [ $(($(cat /tmp/owner.[0-9] | wc -l) - lines)) -le $((owners * (seconds + 1))) ] && echo "a line a second at most" || echo "too many lines"
 }
-# The watchers back in their waits and at rest; then what each owner said.
 quiet() { within asleep && rest && for n in $(seq $(ls /tmp/owner.*.pid | wc -l)); do news $n; done; }
-# SIGUSR1 to owner N's watcher: a signal sent to a thread's own id goes to
-# that thread when it does not hold the signal.
-interrupt() {
-    local pid=$(cat /tmp/owner.$1.pid)
-    within asleep && kill -USR1 $(ls /proc/$pid/task | grep -vx $pid)
-}
+# Another user of line N, through the chip's character device; then not.
+hold() { /vm/gpiomon gpiochip0 $1 >/dev/null & echo $! >/tmp/hold.pid; within "grep -q 'gpio-$1 .*gpiomon' /sys/kernel/debug/gpio"; }
+release() { kill $(cat /tmp/hold.pid); }
+# SIGUSR1 to owner N's watcher, its thread that is not the main one: sent
+# to a thread's own id, a signal goes to that thread unless it holds it.
+interrupt() { within asleep && kill -USR1 $(ls /proc/$(cat /tmp/owner.$1.pid)/task | grep -vx "$(cat /tmp/owner.$1.pid)"); }

@@ -9,7 +9,6 @@
 #include "shutMyGpio.h"
 #include "shutSerial.h"
 #include "shutSerialObject.h"
-#include "sysfsGpio.h"
 #ifdef WITH_SCREEN
 #include "mainwindow.h"
 #include <QtWidgets>
@@ -22,16 +21,13 @@ using controller::unescaped;
 
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
 #include <thread>
 
 #include <fcntl.h>
-#include <linux/gpio.h>
 #include <malloc.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -158,11 +154,9 @@ class tst_transcripts : public QObject
     std::unique_ptr<shutSerial> port;
     std::unique_ptr<shutSerialObject> link;
     std::unique_ptr<shutMyGpio> watcher;
-    std::unique_ptr<OutputControl> debugSwitch;
     std::unique_ptr<shutLog> log;
     QProcess shell;
     int valueFd = -1;
-    int heldLine = -1;
 
     Lines results; // the step's, each shown after "= " (a shell's as they come)
 
@@ -271,40 +265,33 @@ class tst_transcripts : public QObject
             results << QString("%1 mismatches, %2 commands%3").arg(mismatches.load()).arg(echoing.commands().size())
                         .arg(echoing.overlapped() ? ", overlapped" : "").toUtf8();
         } else if (name == "debug-switch") {
-            if (!debugSwitch)
-                debugSwitch.reset(new OutputControl);
-            results << "'" + escaped(QString(debugSwitch->getValue("outSerial")).toUtf8()) + "' " + (debugSwitch->isSerialObjOutPut() ? "on" : "off");
+            OutputControl debugSwitch;
+            results << "'" + escaped(QString(debugSwitch.getValue("outSerial")).toUtf8()) + "' " + (debugSwitch.isSerialObjOutPut() ? "on" : "off");
         } else if (name == "cat") {
             results << quoted(readFile(args[0]).toStdString());
-        } else if (name.startsWith("gpio_") || name.startsWith("m.gpio_")) {
-            const bool m = name.startsWith("m.");
+        } else if (name.startsWith("gpio_")) {
+            // Through the watcher's members, which add messages to the results.
             if (!watcher)
                 watcher.reset(new shutMyGpio);
             shutMyGpio& w = *watcher;
-            const QByteArray f = name.mid(m ? 2 : 0);
             const std::string a = arg1.toStdString();
             unsigned int level = 5;
-            const int r = f == "gpio_export" ? (m ? w.gpio_export(n) : gpio_export(n))
-                : f == "gpio_unexport" ? (m ? w.gpio_unexport(n) : gpio_unexport(n))
-                : f == "gpio_set_direction" ? (m ? w.gpio_set_direction(n, a) : gpio_set_direction(n, a))
-                : f == "gpio_set_value" ? (m ? w.gpio_set_value(n, arg1.toUInt()) : gpio_set_value(n, arg1.toUInt()))
-                : f == "gpio_get_value" ? (m ? w.gpio_get_value(n, &level) : gpio_get_value(n, &level))
-                : f == "gpio_set_edge" ? (m ? w.gpio_set_edge(n, a) : gpio_set_edge(n, a))
-                : (m ? w.gpio_open(n) : gpio_open(n));
-            if (f == "gpio_open" && r >= 0) {
+            const int r = name == "gpio_export" ? w.gpio_export(n)
+                : name == "gpio_unexport" ? w.gpio_unexport(n)
+                : name == "gpio_set_direction" ? w.gpio_set_direction(n, a)
+                : name == "gpio_set_value" ? w.gpio_set_value(n, arg1.toUInt())
+                : name == "gpio_get_value" ? w.gpio_get_value(n, &level)
+                : name == "gpio_set_edge" ? w.gpio_set_edge(n, a)
+                : w.gpio_open(n);
+            if (name == "gpio_open" && r >= 0) {
                 const bool readOnly = (fcntl(r, F_GETFL) & (O_ACCMODE | O_NONBLOCK)) == (O_RDONLY | O_NONBLOCK);
                 char bytes[16];
                 const ssize_t got = read(r, bytes, sizeof bytes);
                 close(r);
                 results << QByteArray(readOnly ? "read-only, non-blocking" : "other flags") + ", reads \"" + escaped(QByteArray(bytes, int(got))) + "\"";
             } else {
-                results << QByteArray::number(r) + (f == "gpio_get_value" ? " " + QByteArray::number(level) : "");
+                results << QByteArray::number(r) + (name == "gpio_get_value" ? " " + QByteArray::number(level) : "");
             }
-        } else if (name == "table") {
-            // Bound over /proc/self/mounts, which only this process sees.
-            umount2("/proc/mounts", MNT_DETACH);
-            writeFile("/tmp/mounts", unescaped(rest));
-            QVERIFY(mount("/tmp/mounts", "/proc/mounts", nullptr, MS_BIND, nullptr) == 0);
         } else if (name == "as-nobody") {
             // access() judges by the real user, for whom root's rights do not count.
             QVERIFY(setresuid(65534, 0, 0) == 0);
@@ -333,19 +320,6 @@ class tst_transcripts : public QObject
             const int woke = watcher->handleWake(directory);
             close(directory);
             results << QByteArray::number(woke);
-        } else if (name == "hold") {
-            // Another user of the line, through the chip's character device.
-            const int chip = open("/dev/gpiochip0", O_RDONLY);
-            gpio_v2_line_request request = {};
-            request.offsets[0] = n;
-            request.num_lines = 1;
-            request.config.flags = GPIO_V2_LINE_FLAG_INPUT;
-            strcpy(request.consumer, "another user");
-            QVERIFY(ioctl(chip, GPIO_V2_GET_LINE_IOCTL, &request) == 0);
-            close(chip);
-            heldLine = request.fd;
-        } else if (name == "release") {
-            close(heldLine);
         } else if (name == "log") {
             log.reset(new shutLog(args[0].constData(), "shutDown.log", args[1].toInt(), args[2].toInt()));
         } else if (name == "open-log" || name == "close-log" || name == "size") {
@@ -507,7 +481,6 @@ private slots:
         port.reset();
         link.reset();
         watcher.reset();
-        debugSwitch.reset();
         log.reset();
         umount2("/proc/mounts", MNT_DETACH);
 #ifndef IN_TEST_MACHINE
