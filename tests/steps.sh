@@ -32,6 +32,10 @@ put() { mkdir -p "${1%/*}" && rm -rf "$1" && printf "${2:-}" >"$1"; }
 full() { mkdir -p "${1%/*}" && rm -rf "$1" && ln -s /dev/full "$1"; }
 exported() { for file in direction value edge; do put /sys/class/gpio/gpio$1/$file; done; }
 attrs() { stty -F /dev/ttyO1 -g; }
+# SIGUSR1 to the runner's main thread once it waits in a read of the
+# device: its handler, installed without SA_RESTART as the daemon's SIGCHLD
+# handler is, cuts the read short.
+interrupt_read() { (within 'grep -q wait_woken /proc/$PPID/wchan' && kill -USR1 $PPID) & }
 # The runner's mount table, /proc/mounts, which is its own /proc/self/mounts.
 table() { umount /proc/$PPID/mounts 2>/dev/null; printf "$1" >/tmp/mounts && mount --bind /tmp/mounts /proc/$PPID/mounts; }
 
