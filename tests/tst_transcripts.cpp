@@ -52,13 +52,6 @@ QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-void writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(bytes);
-}
-
 QByteArray masked(QString text)
 {
     for (QRegularExpressionMatchIterator it = recordTime.globalMatch(text); it.hasNext();) {
@@ -283,21 +276,19 @@ class tst_transcripts : public QObject
         } else if (name == "poweroff") {
             results << QByteArray::number(shutMyGpio().do_poweroff_process());
         } else if (name == "watcher") {
-            // A fresh watcher; each wake reads its level from the start of one file.
+            // A fresh watcher; each wake reads its level from the start of one
+            // file, which the shell's level step writes.
             watcher.reset(new shutMyGpio);
             connect(watcher.get(), &shutMyGpio::sig_shutDown, [] { qDebug("[sig_shutDown]"); });
             connect(watcher.get(), &shutMyGpio::sig_pollOn, [] { qDebug("[sig_pollOn]"); });
-            writeFile("/tmp/value", "");
             close(valueFd);
-            valueFd = open("/tmp/value", O_RDONLY);
+            valueFd = open("/tmp/value", O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
         } else if (name == "wake") {
-            writeFile("/tmp/value", unescaped(rest));
-            results << QByteArray::number(watcher->handleWake(valueFd));
-        } else if (name == "wake-unreadable") {
-            const int directory = open("/tmp", O_RDONLY);
-            const int woke = watcher->handleWake(directory);
-            close(directory);
-            results << QByteArray::number(woke);
+            // Or from what is named, such as a folder, which cannot be read.
+            const int from = rest.isEmpty() ? valueFd : open(rest, O_RDONLY | O_CLOEXEC);
+            results << QByteArray::number(watcher->handleWake(from));
+            if (from != valueFd)
+                close(from);
         } else if (name == "log") {
             log.reset(new shutLog(args[0].constData(), "shutDown.log", args[1].toInt(), args[2].toInt()));
         } else if (name == "open-log" || name == "close-log" || name == "size") {
@@ -358,7 +349,6 @@ class tst_transcripts : public QObject
             qInstallMessageHandler(keepMessage);
             delete logFlag;
             logFlag = nullptr;
-            writeFile("/tmp/main-records", QByteArray::number(mine));
             results << (sigismember(&mask, SIGCHLD) ? "SIGCHLD held by the busy thread" : "SIGCHLD open in the busy thread");
 #ifdef WITH_SCREEN
         } else if (name == "screen") {
