@@ -34,9 +34,8 @@ exported() { for file in direction value edge; do put /sys/class/gpio/gpio$1/$fi
 attrs() { stty -F /dev/ttyO1 -g; }
 # The watcher's value file, rewritten in place: the watcher keeps it open.
 level() { printf -- "$1" >/tmp/value; }
-# SIGUSR1 to the runner's main thread once it waits in a read of the
-# device: its handler, installed without SA_RESTART as the daemon's SIGCHLD
-# handler is, cuts the read short.
+# SIGUSR1 to the runner's main thread once it waits in a read of the device,
+# which the handler (no SA_RESTART, as the daemon's SIGCHLD handler) cuts short.
 interrupt_read() { (within 'grep -q wait_woken /proc/$PPID/wchan' && kill -USR1 $PPID) & }
 # The runner's mount table, /proc/mounts, which is its own /proc/self/mounts.
 table() { umount /proc/$PPID/mounts 2>/dev/null; printf "$1" >/tmp/mounts && mount --bind /tmp/mounts /proc/$PPID/mounts; }
@@ -49,9 +48,8 @@ child() {
 child_pid() { sed -n 's/.*child \(start as \)\?pid:  "\([0-9]*\)".*/\2/p' "$log" 2>/dev/null | head -n 1; }
 # A file (missing: empty) with the child's pid as PID.
 show() { sed "s/\"$(child_pid)\"/\"PID\"/g" "$1" 2>/dev/null; true; }
-# The daemon in the background, started from / through the command given
-# (env, prlimit), so that its child runs on the card only if the daemon
-# moves it there; standard error to /tmp/daemon.err.
+# The daemon in the background, started from / through the command given (env,
+# prlimit): its child runs on the card only if the daemon moves it there.
 daemon() {
     mkdir -p -m 700 /tmp/runtime
     (cd / && XDG_RUNTIME_DIR=/tmp/runtime exec "$@" $DAEMON 2>/tmp/daemon.err) &
@@ -78,8 +76,7 @@ forked() {
 
 # The printer owner example as init starts it (a session leader) against the
 # simulated controller with the options given: what the controller received,
-# its status and streams. While a job that fails runs, every thread but its
-# main one must hold SIGCHLD.
+# its status and streams, and, for a job that fails, whether its threads held SIGCHLD.
 print_job() {
     local out held=no status
     out=$(mktemp -d /var/tmp/printJob.XXXXXX) # outside the controller's own /tmp
@@ -100,9 +97,8 @@ threads_hold_sigchld() {
         awk '{ seen = 1; bad = bad || substr($2, 12, 1) !~ /[13579bdf]/ } END { exit !(seen && !bad) }'
 }
 
-# The power owner example (in the test machine's /vm) as owner N, its output
-# in /tmp/owner.N; SIGUSR1 cuts its waits short, as a program's own handler
-# installed without SA_RESTART does.
+# The power owner example (in the test machine's /vm) as owner N, output in
+# /tmp/owner.N; SIGUSR1 cuts its waits short, as a handler without SA_RESTART does.
 owner() {
     QT_MESSAGE_PATTERN='%{threadid} %{message}' LD_PRELOAD=/vm/libinterruptible.so /vm/powerOwner >/tmp/owner.$1 2>&1 &
     echo $! >/tmp/owner.$1.pid

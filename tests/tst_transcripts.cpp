@@ -51,25 +51,23 @@ QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QByteArray masked(QString text)
-{
-    for (QRegularExpressionMatchIterator it = recordTime.globalMatch(text); it.hasNext();) {
-        const QString found = it.next().captured();
-        QDateTime when = QDateTime::fromString(found, "yyyy.MM.dd hh:mm:ss.zzz");
-        when.setTimeSpec(Qt::UTC);
-        if (qAbs(when.secsTo(QDateTime::currentDateTimeUtc())) < 60)
-            text.replace(found, "T");
-    }
-    return escaped(text.toUtf8());
-}
-
+// Each line after the stream's number, its record times masked.
 Lines outputLines(char stream, const QByteArray& text)
 {
     Lines lines = text.isEmpty() ? Lines() : text.split('\n');
     if (text.endsWith('\n'))
         lines.removeLast();
-    for (QByteArray& line : lines)
-        line = stream + (" " + masked(QString::fromUtf8(line)));
+    for (QByteArray& line : lines) {
+        QString shown = QString::fromUtf8(line);
+        for (QRegularExpressionMatchIterator it = recordTime.globalMatch(shown); it.hasNext();) {
+            const QString found = it.next().captured();
+            QDateTime when = QDateTime::fromString(found, "yyyy.MM.dd hh:mm:ss.zzz");
+            when.setTimeSpec(Qt::UTC);
+            if (qAbs(when.secsTo(QDateTime::currentDateTimeUtc())) < 60)
+                shown.replace(found, "T");
+        }
+        line = stream + (" " + escaped(shown.toUtf8()));
+    }
     return lines;
 }
 
