@@ -20,11 +20,6 @@ files() {
         if [ -d "$f" ]; then echo "${f##*/}/"; elif [ -s "$f" ]; then sed "s|^|${f##*/}: |" "$f"; else echo "${f##*/}: (empty)"; fi
     done
 }
-# A fresh tmpfs for the kernel's GPIO tree (over /sys/class when the machine has none).
-gpio_tree() {
-    [ -d /sys/class/gpio ] || { mount -t tmpfs -o mode=755 gpio /sys/class && mkdir /sys/class/gpio; }
-    mount -t tmpfs -o mode=755 gpio /sys/class/gpio
-}
 n() { sed 's/[0-9]\+/N/g'; }
 # A file with exactly the bytes given (printf's escapes), or a link to
 # /dev/full, which no write fits; an exported line's files.
@@ -125,9 +120,3 @@ rest() {
     [ $(($(cat /tmp/owner.[0-9] | wc -l) - lines)) -le $((owners * (seconds + 1))) ] && echo "a line a second at most" || echo "too many lines"
 }
 quiet() { within asleep && rest && for n in $(seq $(ls /tmp/owner.*.pid | wc -l)); do news $n; done; }
-# Another user of line N, through the chip's character device; then not.
-hold() { /vm/gpiomon gpiochip0 $1 >/dev/null & echo $! >/tmp/hold.pid; within "grep -q 'gpio-$1 .*gpiomon' /sys/kernel/debug/gpio"; }
-release() { kill $(cat /tmp/hold.pid); }
-# SIGUSR1 to owner N's watcher, its thread that is not the main one: sent
-# to a thread's own id, a signal goes to that thread unless it holds it.
-interrupt() { within asleep && kill -USR1 $(ls /proc/$(cat /tmp/owner.$1.pid)/task | grep -vx "$(cat /tmp/owner.$1.pid)"); }

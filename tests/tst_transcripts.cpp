@@ -310,15 +310,13 @@ class tst_transcripts : public QObject
             logFlag = nullptr;
             log.reset();
         } else if (name == "forks") {
-            // A thread that logs without pause, started with SIGCHLD held as
-            // Qt's threads are in the daemon, while children, whose program
-            // is missing, start and end; the main thread logs meanwhile.
+            // A thread logs without pause, started with SIGCHLD held as Qt's
+            // threads are in the daemon, while children whose program is missing come and go.
             ChildHandlerKept kept;
             logFlag = new shutLog(logDir, "shutDown.log", 1 << 30, 6);
             qInstallMessageHandler(onShowMsg);
-            // The C library loads its message catalogue at the first strerror:
-            // here, not in a child forked while the busy thread holds
-            // AddressSanitizer's allocator lock, which is not taken across fork.
+            // The first strerror loads the C library's messages: here, not in a child
+            // forked while the busy thread holds AddressSanitizer's allocator lock.
             strerror(ENOENT);
             std::atomic<bool> stop(false);
             sigset_t mask;
@@ -330,9 +328,8 @@ class tst_transcripts : public QObject
             });
             int mine = 0;
             QElapsedTimer waited;
-            // Each child in turn, until the handler has reaped it, which takes
-            // its pid away, and the event loop has logged its end; a launch
-            // that fails shows in the records' counts.
+            // Each child in turn, the main thread logging until the child is reaped (its pid
+            // gone) and its end logged; a launch that fails shows in the counts.
             for (int round = 0; round < n && startFork() == 0; ++round) {
                 const pid_t child = g_pid;
                 for (waited.start(); kill(child, 0) == 0 && !waited.hasExpired(10000); QCoreApplication::processEvents())
