@@ -46,8 +46,7 @@ show() { sed "s/\"$(child_pid)\"/\"PID\"/g" "$1" 2>/dev/null; true; }
 # The daemon in the background, started from / through the command given (env,
 # prlimit): its child runs on the card only if the daemon moves it there.
 daemon() {
-    mkdir -p -m 700 /tmp/runtime
-    (cd / && XDG_RUNTIME_DIR=/tmp/runtime exec "$@" $DAEMON 2>/tmp/daemon.err) &
+    (cd / && mkdir -p -m 700 /tmp/runtime && XDG_RUNTIME_DIR=/tmp/runtime exec "$@" $DAEMON 2>/tmp/daemon.err) &
     daemon=$!
 }
 ended() { wait $daemon; echo "ended with $?"; }
@@ -77,8 +76,7 @@ print_job() {
     out=$(mktemp -d /var/tmp/printJob.XXXXXX) # outside the controller's own /tmp
     "$SIM" "$@" -- sh -c 'exec "$0" >"$1" 2>"$2"' "$OWNER" "$out/1" "$out/2" >"$out/sim" 2>&1 &
     while kill -0 $! 2>/dev/null; do threads_hold_sigchld && held=yes; sleep 0.01; done
-    wait $!
-    status=$?
+    wait $!; status=$?
     sed 's/, [0-9]* ms)/)/' "$out/sim"
     echo "exit $status"
     [ $status = 0 ] || echo "SIGCHLD held by the link's thread: $held"
