@@ -36,14 +36,19 @@ typedef QList<QByteArray> Lines;
 extern "C" size_t __sanitizer_get_current_allocated_bytes(); // GCC ships no header for it
 size_t heapInUse() { return __sanitizer_get_current_allocated_bytes(); }
 #else
-size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+size_t heapInUse()
+{
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
 #endif
 
 namespace {
 
-const char logDir[] = "/tmp/mnt/dev/mmcblk0p3/softShutDownLogFiles";
 // A record's time, shown as T when it is the last minute's in UTC.
 const QRegularExpression recordTime("\\d{4}\\.\\d\\d\\.\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}");
+// The launcher's child's pid, kept as PID.
+const QRegularExpression childPid("(pid: +|retv = +)\"[1-9]\\d*\"");
 
 QByteArray readFile(const QString& path)
 {
@@ -74,10 +79,9 @@ Lines outputLines(char stream, const QByteArray& text)
 QMutex messagesLock;
 Lines messages;
 
-// Kept with the launcher's child's pid as PID.
 void keepMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
-    const QString shown = QString(text).replace(QRegularExpression("(pid: +|retv = +)\"[1-9]\\d*\""), "\\1\"PID\"");
+    const QString shown = QString(text).replace(childPid, "\\1\"PID\"");
     QMutexLocker locked(&messagesLock);
     messages << (type == QtWarningMsg ? "W " : "D ") + escaped(shown.toUtf8());
 }
@@ -277,7 +281,7 @@ class tst_transcripts : public QObject
             if (from != valueFd)
                 close(from);
         } else if (name == "log") {
-            log.reset(new shutLog(args[0].constData(), "shutDown.log", args[1].toInt(), args[2].toInt()));
+            log.reset(new shutLog(args[0].constData(), logFileName, args[1].toInt(), args[2].toInt()));
         } else if (name == "open-log" || name == "close-log" || name == "size") {
             results << QByteArray::number(name == "open-log" ? log->openLog() : name == "close-log" ? log->closeLog() : log->getFileSize());
         } else if (name == "save") {
@@ -305,7 +309,7 @@ class tst_transcripts : public QObject
             // A thread logs without pause, started with SIGCHLD held as Qt's
             // threads are in the daemon, while children whose program is missing come and go.
             ChildHandlerKept kept;
-            logFlag = new shutLog(logDir, "shutDown.log", 1 << 30, 6);
+            logFlag = new shutLog(logDirectory, logFileName, 1 << 30, logOlderFiles);
             qInstallMessageHandler(onShowMsg);
             // The first strerror loads the C library's messages: here, not in a child
             // forked while the busy thread holds AddressSanitizer's allocator lock.
@@ -407,7 +411,7 @@ private slots:
         // made the working directory; the test machine has no /opt of its own.
         QVERIFY(QDir::setCurrent("/") && QDir().mkpath("/opt"));
         QVERIFY(privateTree::mountTmpfs("/tmp", "mode=1777") && privateTree::mountTmpfs("/opt", "mode=755"));
-        QVERIFY(QDir().mkpath(logDir) && QDir().mkpath("/opt/project"));
+        QVERIFY(QDir().mkpath(logDirectory) && QDir().mkpath("/opt/project"));
         for (const QByteArray& line : transcript.split('\n')) {
             if (line.isEmpty() || line.startsWith('#'))
                 continue;
